@@ -1,0 +1,185 @@
+#include "ContainerAbstract.h"
+
+#include <QFileInfo>
+#include <QtEndian>
+
+#include <algorithm>
+
+ContainerAbstract::CommonElement::CommonElement()
+    : elementType(0)
+{
+}
+
+ContainerAbstract::CommonElement::CommonElement(int elementType, const QString &name)
+    : elementType(elementType)
+    , name(name)
+{
+}
+
+ContainerAbstract::CommonElement::CommonElement(const CommonElement &other) = default;
+
+ContainerAbstract::ContainerAbstract() = default;
+
+ContainerAbstract::~ContainerAbstract()
+{
+    qDeleteAll(streams);
+}
+
+void ContainerAbstract::configure(const Settings &settings)
+{
+    maxUnknownDataSize = settings.maxUnknownDataSize;
+    showUnknownData = settings.showUnknownData;
+    sizeBase = settings.sizeBase;
+    valueBase = settings.valueBase;
+}
+
+ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, ReportSink &sink,
+                                                      QString *error)
+{
+    if (verifyContainerFormat(fileName) != ParseOk)
+        return RunNotThisFormat;
+    if (!input.openFile(fileName, error))
+        return RunOpenFailed;
+    return run(fileName, sink);
+}
+
+ContainerAbstract::RunResult ContainerAbstract::parseBytes(const QString &fileName,
+                                                           const QByteArray &bytes,
+                                                           ReportSink &sink)
+{
+    if (verifyContainerFormat(fileName) != ParseOk)
+        return RunNotThisFormat;
+    input.openMemory(bytes);
+    return run(fileName, sink);
+}
+
+ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, ReportSink &sink)
+{
+    this->sink = &sink;
+    const quint64 end = quint64(input.size());
+    sink.beginReport(fileName, end);
+
+    qint64 begin = 0;
+    findBeginOfContainer(&begin);
+    prepareParsing();
+
+    // A non-zero result of one element does not stop the walk: everything behind it is
+    // still reported. An element size of 0, or one that carries the position past 2^64,
+    // cannot advance the walk, so it ends there.
+    quint64 position = quint64(qMax<qint64>(begin, 0));
+    while (position < end) {
+        currentOffset = position;
+        input.seek(qint64(position));
+        quint64 size = 0;
+        parseElement(&size);
+        if (size == 0 || position + size < position)
+            break;
+        position += size;
+    }
+
+    finalizeParsing();
+    advanceStreamsTo(int(streams.size()));
+    sink.endReport();
+    this->sink = nullptr;
+    return RunOk;
+}
+
+void ContainerAbstract::beginElement(quint64 offset, quint64 size, const QString &name,
+                                     qint64 index)
+{
+    sink->beginElement(offset, size, name, index);
+}
+
+void ContainerAbstract::beginListEntry(const QString &name, qint64 index)
+{
+    sink->beginElement(0, 0, name, index);
+}
+
+void ContainerAbstract::setElementOffset(quint64 offset)
+{
+    sink->setElementOffset(offset);
+}
+
+void ContainerAbstract::setElementSize(quint64 size)
+{
+    sink->setElementSize(size);
+}
+
+void ContainerAbstract::endElement()
+{
+    sink->endElement();
+}
+
+void ContainerAbstract::addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                                 const QString &name, const QString &value,
+                                 const QString &extra, const QString &comment, qint64 index)
+{
+    sink->addField(bitField, offset, bitOffset, size, name, value, extra, comment, index);
+}
+
+void ContainerAbstract::addRawField(quint64 offset, quint64 size, const quint8 *data,
+                                    const QString &name, const QString &comment)
+{
+    sink->addRawField(offset, size, data, name, comment);
+}
+
+void ContainerAbstract::addElementNote(const QString &text)
+{
+    sink->setElementNote(text);
+}
+
+void ContainerAbstract::setElementValue(const QString &text)
+{
+    sink->setElementValue(text);
+}
+
+void ContainerAbstract::swapBytes(void *data, quint8 size)
+{
+#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
+    auto *bytes = static_cast<unsigned char *>(data);
+    std::reverse(bytes, bytes + size);
+#else
+    Q_UNUSED(data);
+    Q_UNUSED(size);
+#endif
+}
+
+int ContainerAbstract::reportSample(uint stream, quint64 sampleIndex)
+{
+    if (stream >= uint(sampleOutputs.size()) || !sampleOutputs[int(stream)])
+        return 0;
+    // The sink receives streams in order; a sample of a stream already passed is dropped.
+    if (int(stream) < openStreamIndex)
+        return 0;
+    advanceStreamsTo(int(stream));
+    sampleOutputs[int(stream)]->addSample(sampleIndex, currentSample);
+    return 0;
+}
+
+void ContainerAbstract::advanceStreamsTo(int stream)
+{
+    while (nextStreamIndex <= stream && nextStreamIndex < streams.size()) {
+        if (openStreamIndex >= 0)
+            sink->endStream();
+        openStreamIndex = nextStreamIndex++;
+        sink->beginStream(openStreamIndex, *streams[openStreamIndex]);
+    }
+    if (stream >= streams.size() && openStreamIndex >= 0) {
+        sink->endStream();
+        openStreamIndex = -1;
+    }
+}
+
+int ContainerAbstract::openStream()
+{
+    streams.append(new StreamInfo());
+    sampleCounts.append(0);
+    sampleOutputs.append(nullptr);
+    return int(streams.size()) - 1;
+}
+
+void ContainerAbstract::enableSampleOutput(int stream)
+{
+    if (stream >= 0 && stream < sampleOutputs.size())
+        sampleOutputs[stream] = sink;
+}

@@ -1,0 +1,111 @@
+#pragma once
+
+#include "Export.h"
+#include "InputDevice.h"
+#include "Records.h"
+#include "ReportSink.h"
+
+#include <QObject>
+#include <QString>
+#include <QVector>
+
+// Base of the container parsers. It opens the input, drives a parser through its five
+// virtual operations and forwards everything the parser reports to a ReportSink.
+class SARVELINTH_ABSTRACT_EXPORT ContainerAbstract : public QObject {
+    Q_OBJECT
+
+public:
+    // One row of a parser's table of known elements.
+    class SARVELINTH_ABSTRACT_EXPORT CommonElement {
+    public:
+        CommonElement();
+        CommonElement(int elementType, const QString &name);
+        CommonElement(const CommonElement &other);
+        CommonElement &operator=(const CommonElement &other) = default;
+
+        int elementType;
+        QString name;
+    };
+
+    // Results of the parsing operations.
+    enum ParseResult {
+        ParseOk = 0,
+        ParseNotThisFormat = 3,
+        ParseTruncated = 5,
+        ParseUnknownElement = 7,
+        ParseOutOfMemory = 9,
+    };
+
+    // Results of a whole run.
+    enum RunResult {
+        RunOk = 0,
+        RunNotThisFormat = 1, // the parser does not take the file; nothing was reported
+        RunOpenFailed = 2,    // the file could not be opened; nothing was reported
+    };
+
+    struct Settings {
+        quint64 maxUnknownDataSize = 64;
+        bool showUnknownData = true;
+        int sizeBase = 10;
+        int valueBase = 10;
+    };
+
+    ContainerAbstract();
+    ~ContainerAbstract() override;
+
+    void configure(const Settings &settings);
+
+    // Runs the parser over a file and reports it to sink. On RunOpenFailed, *error says why.
+    RunResult parse(const QString &fileName, ReportSink &sink, QString *error = nullptr);
+    // The same over bytes in memory; fileName serves the format check and the report.
+    RunResult parseBytes(const QString &fileName, const QByteArray &bytes, ReportSink &sink);
+
+protected:
+    virtual int verifyContainerFormat(const QString &fileName) = 0;
+    virtual int findBeginOfContainer(qint64 *offset) = 0;
+    virtual int parseElement(quint64 *size) = 0;
+    virtual void prepareParsing() {}
+    virtual void finalizeParsing() {}
+
+    void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index);
+    void beginListEntry(const QString &name, qint64 index);
+    void setElementOffset(quint64 offset);
+    void setElementSize(quint64 size);
+    void endElement();
+    void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                  const QString &name, const QString &value, const QString &extra,
+                  const QString &comment, qint64 index);
+    void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
+                     const QString &comment);
+    void addElementNote(const QString &text);
+    void setElementValue(const QString &text);
+    void swapBytes(void *data, quint8 size);
+    int reportSample(uint stream, quint64 sampleIndex);
+
+    // Opens the entries of a new stream: a zeroed StreamInfo, a sample count of 0 and no
+    // sample output. Returns the stream's index.
+    int openStream();
+    // Makes the samples of a stream wanted: they go to the report.
+    void enableSampleOutput(int stream);
+
+    quint64 maxUnknownDataSize = 64;
+    bool showUnknownData = true;
+    int sizeBase = 10;
+    int valueBase = 10;
+    InputDevice input;
+    quint64 currentOffset = 0;
+    QVector<ReportSink *> sampleOutputs;
+    QVector<quint64> sampleCounts;
+    Sample currentSample;
+    QVector<StreamInfo *> streams;
+    int currentTrackType = 4;
+    quint32 sampleCount = 0;
+
+private:
+    RunResult run(const QString &fileName, ReportSink &sink);
+    void advanceStreamsTo(int stream);
+
+    ReportSink *sink = nullptr;
+    int openStreamIndex = -1; // stream whose samples the sink is receiving
+    int nextStreamIndex = 0;  // next stream to hand to the sink
+};

@@ -1,0 +1,3 @@
+#include "ReportSink.h"
+
+ReportSink::~ReportSink() = default;

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "Export.h"
+#include "Records.h"
+
+#include <QString>
+
+// Receives a report call by call, in the order the parser makes it. Writers turn each
+// call into output at once, so nothing accumulates with the number of fields.
+//
+// Element offset and size may be changed after beginElement (list entries learn theirs
+// later), and the note and value arrive after the element's children: a writer that
+// prints them must hold them until endElement.
+class SARVELINTH_ABSTRACT_EXPORT ReportSink {
+public:
+    virtual ~ReportSink();
+
+    virtual void beginReport(const QString &fileName, quint64 fileSize) = 0;
+    virtual void endReport() = 0;
+
+    virtual void beginElement(quint64 offset, quint64 size, const QString &name,
+                              qint64 index) = 0;
+    virtual void setElementOffset(quint64 offset) = 0;
+    virtual void setElementSize(quint64 size) = 0;
+    virtual void setElementNote(const QString &text) = 0;
+    virtual void setElementValue(const QString &text) = 0;
+    virtual void endElement() = 0;
+
+    virtual void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                          const QString &name, const QString &value, const QString &extra,
+                          const QString &comment, qint64 index) = 0;
+    virtual void addRawField(quint64 offset, quint64 size, const quint8 *data,
+                             const QString &name, const QString &comment) = 0;
+
+    // Streams come after the element tree, in index order, each with its samples.
+    virtual void beginStream(int index, const StreamInfo &info) = 0;
+    virtual void addSample(quint64 sampleIndex, const Sample &sample) = 0;
+    virtual void endStream() = 0;
+};

@@ -1,0 +1,88 @@
+#include "ContainerMP4.h"
+
+// The box types this parser knows by name: whether a box is a container, whether it
+// begins with a version and flags word, and which payload parser reads it.
+void ContainerMP4::buildBoxTable()
+{
+    struct Row {
+        const char *type;
+        int elementType;
+        int fullBox;
+        BoxHandler handler;
+    };
+    static const Row rows[] = {
+        {"free", PlainBox, 0, &ContainerMP4::parseJunk},
+        {"ftyp", FileTypeBox, 0, &ContainerMP4::parseFileType},
+        {"iods", PlainBox, 1, nullptr},
+        {"moov", ContainerBox, 0, nullptr},
+        {"mvhd", PlainBox, 1, nullptr},
+        {"mdat", PlainBox, 0, &ContainerMP4::parseBoxMDAT},
+        {"meta", ContainerBox, 1, nullptr},
+        {"skip", PlainBox, 0, &ContainerMP4::parseJunk},
+        {"udta", ContainerBox, 0, nullptr},
+        {"trak", ContainerBox, 0, nullptr},
+        {"tkhd", PlainBox, 1, nullptr},
+        {"mdia", ContainerBox, 0, nullptr},
+        {"mdhd", PlainBox, 1, nullptr},
+        {"hdlr", PlainBox, 1, nullptr},
+        {"minf", ContainerBox, 0, nullptr},
+        {"smhd", PlainBox, 1, nullptr},
+        {"vmhd", PlainBox, 1, nullptr},
+        {"dinf", ContainerBox, 0, nullptr},
+        {"dref", PlainBox, 1, nullptr},
+        {"stbl", ContainerBox, 0, nullptr},
+        {"stsd", PlainBox, 1, nullptr},
+        {"stts", PlainBox, 1, nullptr},
+        {"stss", PlainBox, 1, nullptr},
+        {"stsc", PlainBox, 1, nullptr},
+        {"stco", PlainBox, 1, nullptr},
+        {"co64", PlainBox, 1, nullptr},
+        {"stsz", PlainBox, 1, nullptr},
+        {"ilst", ContainerBox, 0, nullptr},
+        {"pdin", PlainBox, 1, nullptr},
+        {"tref", PlainBox, 0, nullptr},
+        {"trgr", PlainBox, 1, nullptr},
+        {"edts", ContainerBox, 0, nullptr},
+        {"elst", PlainBox, 1, nullptr},
+        {"hmhd", PlainBox, 1, nullptr},
+        {"nmhd", PlainBox, 1, nullptr},
+        {"mvex", ContainerBox, 0, nullptr},
+        {"mehd", PlainBox, 1, nullptr},
+        {"trex", PlainBox, 1, nullptr},
+        {"leva", PlainBox, 1, nullptr},
+        {"moof", ContainerBox, 0, nullptr},
+        {"mfhd", PlainBox, 1, nullptr},
+        {"traf", ContainerBox, 0, nullptr},
+        {"tfhd", PlainBox, 1, nullptr},
+        {"trun", PlainBox, 1, nullptr},
+        {"sbgp", PlainBox, 1, nullptr},
+        {"sgpd", PlainBox, 1, nullptr},
+        {"subs", PlainBox, 1, nullptr},
+        {"saiz", PlainBox, 1, nullptr},
+        {"saio", PlainBox, 1, nullptr},
+        {"tfdt", PlainBox, 1, nullptr},
+        {"mfra", ContainerBox, 0, nullptr},
+        {"tfra", PlainBox, 1, nullptr},
+        {"mfro", PlainBox, 1, nullptr},
+        {"cprt", PlainBox, 1, nullptr},
+        {"tsel", PlainBox, 1, nullptr},
+        {"strk", ContainerBox, 0, nullptr},
+        {"stri", PlainBox, 1, nullptr},
+        {"strd", ContainerBox, 0, nullptr},
+        {"meco", ContainerBox, 0, nullptr},
+        {"mere", PlainBox, 1, nullptr},
+        {"styp", FileTypeBox, 0, &ContainerMP4::parseFileType},
+        {"sidx", PlainBox, 1, nullptr},
+        {"ssix", PlainBox, 1, nullptr},
+        {"prft", PlainBox, 1, nullptr},
+        {"esds", PlainBox, 1, nullptr},
+        {"avcC", PlainBox, 0, nullptr},
+        {"pasp", PlainBox, 0, nullptr},
+        {"clap", PlainBox, 0, nullptr},
+    };
+    for (const Row &row : rows) {
+        elements.insert(QString::fromLatin1(row.type),
+                        new ElementMP4(row.elementType, row.fullBox, row.handler, QString(),
+                                       QString()));
+    }
+}

@@ -1,0 +1,104 @@
+#pragma once
+
+#include "ContainerAbstract.h"
+
+#include <QHash>
+#include <QIODevice>
+#include <QString>
+#include <QStringList>
+#include <QUuid>
+#include <QVector>
+
+#define SARVELINTH_MP4_EXPORT Q_DECL_EXPORT
+
+// Parser of the ISO base media file format (mp4, f4v and relatives).
+class SARVELINTH_MP4_EXPORT ContainerMP4 : public ContainerAbstract {
+public:
+    ContainerMP4();
+    ~ContainerMP4() override;
+
+protected:
+    using BoxHandler = int (ContainerMP4::*)(quint64 offset, quint64 size);
+
+    // One row of the box table: what the walker does with a box of one type.
+    class SARVELINTH_MP4_EXPORT ElementMP4 : public ContainerAbstract::CommonElement {
+    public:
+        ElementMP4();
+        ElementMP4(int elementType, int fullBox, BoxHandler handler, QString name,
+                   QString description);
+        ElementMP4(const ElementMP4 &other);
+        ElementMP4 &operator=(const ElementMP4 &other);
+        ~ElementMP4();
+
+        BoxHandler handler;
+        int fullBox;
+        QString description;
+    };
+
+    // Values of ElementMP4::elementType; only Container changes what the walker does.
+    enum ElementType { FileTypeBox = 4, ContainerBox = 7, PlainBox = 8 };
+
+    int verifyContainerFormat(const QString &fileName) override;
+    int findBeginOfContainer(qint64 *offset) override;
+    int parseElement(quint64 *size) override;
+    void prepareParsing() override;
+    void finalizeParsing() override;
+
+    // File-level payloads
+    int parseValueString(quint64 length);
+    int parseFileType(quint64 offset, quint64 size);
+    int parseJunk(quint64 offset, quint64 size);
+    int parseUnknownObject(quint64 offset, quint64 size);
+    int parseBoxMDAT(quint64 offset, quint64 size);
+    // Header boxes
+    int parseBoxMVHD(quint64 offset, quint64 size);
+    int parseBoxTKHD(quint64 offset, quint64 size);
+    int parseBoxMDHD(quint64 offset, quint64 size);
+    int parseBoxHDLR(quint64 offset, quint64 size);
+    int parseBoxVMHD(quint64 offset, quint64 size);
+    int parseBoxSMHD(quint64 offset, quint64 size);
+    int parseBoxELST(quint64 offset, quint64 size);
+    // Sample description and sample tables
+    int parseBoxSTSD(quint64 offset, quint64 size);
+    int parseBoxSTTS(quint64 offset, quint64 size);
+    int parseBoxSTSS(quint64 offset, quint64 size);
+    int parseBoxSTSC(quint64 offset, quint64 size);
+    int parseBoxSTCO(quint64 offset, quint64 size);
+    int parseBoxCO64(quint64 offset, quint64 size);
+    int parseBoxSTSZ(quint64 offset, quint64 size);
+    int parseBoxAVCC(quint64 offset, quint64 size);
+    // Header pieces
+    int getSize(quint64 *value, quint8 width);
+    int getID(QString *id);
+    int getUUID(QUuid *uuid);
+    int searchID(const QString &id, ElementMP4 *element);
+
+    // Walks the boxes from begin up to end, one parseElement each, and returns the result
+    // of the last one. Stops at the end of the input and when the work budget is spent.
+    int walkChildren(quint64 begin, quint64 end);
+
+    quint32 boxVersion = 0;
+    quint32 boxFlags = 0;
+    bool boxIsFull = false;
+    QHash<QString, ElementMP4 *> elements;
+    QVector<QIODevice *> chunkOffsetTables;
+    QVector<QIODevice *> sampleToChunkTables;
+    QVector<QIODevice *> sampleSizeTables;
+    QVector<QIODevice *> timeToSampleTables;
+    QVector<QIODevice *> syncSampleTables;
+
+private:
+    void buildBoxTable();
+
+    // Guards against hostile nesting: the depth of the box being walked, and the bytes
+    // walked so far against a budget in proportion to the input.
+    int depth = 0;
+    quint64 workDone = 0;
+    bool walkStopped = false;
+};
+
+extern "C" {
+SARVELINTH_MP4_EXPORT ContainerAbstract *createParser();
+SARVELINTH_MP4_EXPORT QString containerName();
+SARVELINTH_MP4_EXPORT QStringList supportedExtensions();
+}

@@ -1,0 +1,181 @@
+#include "ContainerMP4.h"
+#include "Render.h"
+
+#include <limits>
+
+namespace {
+// Deepest level of boxes that is parsed; the top level is level 1.
+constexpr int MaxDepth = 64;
+// Bytes the walk may cover, in multiples of the input size. Children that reach past
+// their parents are walked again at the parent's level; this bounds that repetition.
+constexpr quint64 WorkBudgetFactor = 64;
+
+quint64 saturatingAdd(quint64 a, quint64 b)
+{
+    return b > std::numeric_limits<quint64>::max() - a ? std::numeric_limits<quint64>::max()
+                                                        : a + b;
+}
+} // namespace
+
+int ContainerMP4::parseElement(quint64 *size)
+{
+    const quint64 start = currentOffset;
+    const quint64 inputSize = quint64(input.size());
+    int result = ParseOk;
+    quint64 payload = start + 8;
+    QString sizeComment;
+
+    quint64 declaredSize = 0;
+    input.readBytes(reinterpret_cast<char *>(&declaredSize), 4);
+    swapBytes(&declaredSize, 4);
+    input.seek(qint64(start + 4));
+    char typeBytes[5] = {};
+    input.readBytes(typeBytes, 4);
+    const QString type = QString::fromLatin1(typeBytes);
+    const bool isUuid = type.toLower() == QLatin1String("uuid");
+
+    const auto found = elements.constFind(type);
+    const bool known = found != elements.constEnd();
+    ElementMP4 row;
+    if (known)
+        row = **found;
+
+    quint64 totalSize = declaredSize;
+    quint64 bigSize = 0;
+    if (declaredSize == 0) {
+        totalSize = inputSize - start;
+        sizeComment = QStringLiteral("Element extends to end of file.");
+    } else if (declaredSize == 1) {
+        input.readBytes(reinterpret_cast<char *>(&bigSize), 8);
+        swapBytes(&bigSize, 8);
+        totalSize = bigSize;
+        sizeComment = QStringLiteral("big_size contains true size");
+        payload = start + 16;
+    }
+
+    // A size smaller than the box's own header cannot be right: the box is taken to reach
+    // to the end of the input and its payload is left alone.
+    const quint64 headerSize =
+        (payload - start) + (isUuid ? 16 : 0) + (known && row.fullBox == 1 ? 4 : 0);
+    const bool invalidSize = totalSize < headerSize;
+    if (invalidSize)
+        totalSize = inputSize - start;
+
+    const quint64 extent = qMin(totalSize, inputSize - start);
+    if (workDone + extent > WorkBudgetFactor * inputSize) {
+        walkStopped = true;
+        *size = inputSize - start;
+        return ParseOk;
+    }
+    workDone += extent;
+
+    ++depth;
+    beginElement(start, totalSize, type, -1);
+    *size = totalSize;
+
+    addField(false, start, 0, 4, QStringLiteral("size"), Render::u64(declaredSize, sizeBase),
+             QString(), sizeComment, -1);
+    addField(false, start + 4, 0, 4, QStringLiteral("type"), type, QString(), QString(), -1);
+    if (declaredSize == 1) {
+        addField(false, start + 8, 0, 8, QStringLiteral("big_size"), Render::u64(bigSize, sizeBase),
+                 QString(), QString(), -1);
+    }
+    if (isUuid) {
+        QUuid uuid;
+        getUUID(&uuid);
+        addField(false, payload, 0, 16, QStringLiteral("usertype"), uuid.toString(), QString(),
+                 QString(), -1);
+        payload += 16;
+    }
+    quint64 remaining = totalSize - (payload - start);
+    boxIsFull = false;
+
+    if (invalidSize) {
+        addElementNote(QStringLiteral("Invalid element size."));
+    } else if (depth > MaxDepth) {
+        addField(false, payload, 0, remaining, QStringLiteral("data"), QString(), QString(),
+                 QString(), -1);
+        addElementNote(QStringLiteral("Nesting too deep."));
+    } else if (!known) {
+        result = parseUnknownObject(payload, remaining);
+        addElementNote(QStringLiteral("Unknown element!"));
+    } else {
+        if (row.fullBox == 1) {
+            boxIsFull = true;
+            input.seek(qint64(payload));
+            quint32 word = 0;
+            input.readBytes(reinterpret_cast<char *>(&word), 4);
+            swapBytes(&word, 4);
+            boxFlags = word & 0xFFFFFF;
+            boxVersion = word >> 24;
+            addField(false, payload, 0, 1, QStringLiteral("version"),
+                     QString::number(boxVersion, valueBase), QString(), QString(), -1);
+            addField(false, payload + 1, 0, 3, QStringLiteral("flags"),
+                     QString::number(boxFlags, valueBase), QString(), QString(), -1);
+            payload += 4;
+            remaining -= 4;
+        }
+        if (row.elementType == ContainerBox) {
+            result = walkChildren(payload, saturatingAdd(start, totalSize));
+        } else if (row.handler) {
+            input.seek(qint64(payload));
+            result = (this->*row.handler)(payload, remaining);
+        } else {
+            addField(false, payload, 0, remaining, QStringLiteral("data"), QString(), QString(),
+                     QString(), -1);
+        }
+        if (!row.description.isEmpty())
+            addElementNote(row.description);
+    }
+
+    endElement();
+    --depth;
+    currentOffset = start;
+    input.seek(qint64(start));
+    return result;
+}
+
+int ContainerMP4::walkChildren(quint64 begin, quint64 end)
+{
+    const quint64 inputEnd = quint64(input.size());
+    int result = ParseOk;
+    quint64 position = begin;
+    while (position < end && position < inputEnd && !walkStopped) {
+        currentOffset = position;
+        input.seek(qint64(position));
+        quint64 childSize = 0;
+        result = parseElement(&childSize);
+        if (position + childSize <= position)
+            break;
+        position += childSize;
+    }
+    return result;
+}
+
+int ContainerMP4::getSize(quint64 *value, quint8 width)
+{
+    quint64 number = 0;
+    input.readBytes(reinterpret_cast<char *>(&number), qMin<quint8>(width, 8));
+    swapBytes(&number, qMin<quint8>(width, 8));
+    *value = number;
+    return ParseOk;
+}
+
+int ContainerMP4::getID(QString *id)
+{
+    char bytes[5] = {};
+    input.readBytes(bytes, 4);
+    *id = QString::fromLatin1(bytes);
+    return ParseOk;
+}
+
+int ContainerMP4::getUUID(QUuid *uuid)
+{
+    unsigned char bytes[16] = {};
+    input.readBytes(reinterpret_cast<char *>(bytes), 16);
+    QString text = QStringLiteral("%1%2%3%4-%5%6-%7%8-%9%10-%11%12%13%14%15%16");
+    for (unsigned char byte : bytes)
+        text = text.arg(qlonglong(byte), 2, 16, QLatin1Char('0'));
+    *uuid = QUuid::fromString(text);
+    return ParseOk;
+}

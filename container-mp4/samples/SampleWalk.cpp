@@ -1,0 +1,3 @@
+#include "ContainerMP4.h"
+
+void ContainerMP4::finalizeParsing() {}

@@ -1,0 +1,103 @@
+#include "Support.h"
+
+#include <QtEndian>
+
+namespace bytes {
+
+namespace {
+template <typename T> QByteArray bigEndian(T value, int width)
+{
+    const T big = qToBigEndian(value);
+    return QByteArray(reinterpret_cast<const char *>(&big) + sizeof(T) - width, width);
+}
+} // namespace
+
+QByteArray u8(quint8 value)
+{
+    return QByteArray(1, char(value));
+}
+QByteArray u16(quint16 value)
+{
+    return bigEndian(value, 2);
+}
+QByteArray u24(quint32 value)
+{
+    return bigEndian(value, 3);
+}
+QByteArray u32(quint32 value)
+{
+    return bigEndian(value, 4);
+}
+QByteArray u64(quint64 value)
+{
+    return bigEndian(value, 8);
+}
+QByteArray text(const char *ascii)
+{
+    return QByteArray(ascii);
+}
+QByteArray zeros(int count)
+{
+    return QByteArray(count, '\0');
+}
+QByteArray cat(std::initializer_list<QByteArray> parts)
+{
+    QByteArray all;
+    for (const QByteArray &part : parts)
+        all += part;
+    return all;
+}
+QByteArray box(const char *type, const QByteArray &payload)
+{
+    return u32(quint32(8 + payload.size())) + QByteArray(type, 4) + payload;
+}
+QByteArray fullBox(const char *type, quint8 version, quint32 flags, const QByteArray &payload)
+{
+    return box(type, u8(version) + u24(flags) + payload);
+}
+QByteArray bigBox(const char *type, const QByteArray &payload)
+{
+    return u32(1) + QByteArray(type, 4) + u64(quint64(16 + payload.size())) + payload;
+}
+
+} // namespace bytes
+
+ReportTree parseReport(const QByteArray &input, const ContainerAbstract::Settings &settings)
+{
+    ReportTree report;
+    TestParser parser;
+    parser.configure(settings);
+    parser.parseBytes(QStringLiteral("test.mp4"), input, report);
+    return report;
+}
+
+QString dump(const ReportTree::Node &node, int depth)
+{
+    QString line = QString(depth * 2, QLatin1Char(' ')) + node.name;
+    if (node.index != -1)
+        line += QStringLiteral("[%1]").arg(node.index);
+    if (node.kind == ReportTree::Node::Field && node.bitField)
+        line += QStringLiteral(" @%1.%2+%3b").arg(node.offset).arg(node.bitOffset).arg(node.size);
+    else
+        line += QStringLiteral(" @%1+%2").arg(node.offset).arg(node.size);
+    if (!node.note.isEmpty())
+        line += QStringLiteral(" ! ") + node.note;
+    if (node.kind == ReportTree::Node::Raw)
+        line += QStringLiteral(" = ") + QString::fromLatin1(node.data.toHex());
+    else if (!node.value.isEmpty())
+        line += QStringLiteral(" = ") + node.value;
+    if (!node.comment.isEmpty())
+        line += QStringLiteral(" // ") + node.comment;
+    line += QLatin1Char('\n');
+    for (const auto &child : node.children)
+        line += dump(*child, depth + 1);
+    return line;
+}
+
+QString dump(const ReportTree &report)
+{
+    QString all;
+    for (const auto &child : report.root.children)
+        all += dump(*child, 0);
+    return all;
+}
