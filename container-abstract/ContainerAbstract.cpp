@@ -43,9 +43,8 @@ ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, R
     return run(fileName, sink);
 }
 
-ContainerAbstract::RunResult ContainerAbstract::parseBytes(const QString &fileName,
-                                                           const QByteArray &bytes,
-                                                           ReportSink &sink)
+ContainerAbstract::RunResult
+ContainerAbstract::parseBytes(const QString &fileName, const QByteArray &bytes, ReportSink &sink)
 {
     if (verifyContainerFormat(fileName) != ParseOk)
         return RunNotThisFormat;
@@ -111,8 +110,8 @@ void ContainerAbstract::endElement()
 }
 
 void ContainerAbstract::addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
-                                 const QString &name, const QString &value,
-                                 const QString &extra, const QString &comment, qint64 index)
+                                 const QString &name, const QString &value, const QString &extra,
+                                 const QString &comment, qint64 index)
 {
     sink->addField(bitField, offset, bitOffset, size, name, value, extra, comment, index);
 }

@@ -18,8 +18,7 @@ public:
     virtual void beginReport(const QString &fileName, quint64 fileSize) = 0;
     virtual void endReport() = 0;
 
-    virtual void beginElement(quint64 offset, quint64 size, const QString &name,
-                              qint64 index) = 0;
+    virtual void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index) = 0;
     virtual void setElementOffset(quint64 offset) = 0;
     virtual void setElementSize(quint64 size) = 0;
     virtual void setElementNote(const QString &text) = 0;
@@ -29,8 +28,8 @@ public:
     virtual void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
                           const QString &name, const QString &value, const QString &extra,
                           const QString &comment, qint64 index) = 0;
-    virtual void addRawField(quint64 offset, quint64 size, const quint8 *data,
-                             const QString &name, const QString &comment) = 0;
+    virtual void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
+                             const QString &comment) = 0;
 
     // Streams come after the element tree, in index order, each with its samples.
     virtual void beginStream(int index, const StreamInfo &info) = 0;

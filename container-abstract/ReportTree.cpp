@@ -81,8 +81,8 @@ void ReportTree::addField(bool bitField, quint64 offset, quint8 bitOffset, quint
     node.index = index;
 }
 
-void ReportTree::addRawField(quint64 offset, quint64 size, const quint8 *data,
-                             const QString &name, const QString &comment)
+void ReportTree::addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
+                             const QString &comment)
 {
     Node &node = append(Node::Raw);
     node.offset = offset;

@@ -81,8 +81,8 @@ void ContainerMP4::buildBoxTable()
         {"clap", PlainBox, 0, nullptr},
     };
     for (const Row &row : rows) {
-        elements.insert(QString::fromLatin1(row.type),
-                        new ElementMP4(row.elementType, row.fullBox, row.handler, QString(),
-                                       QString()));
+        elements.insert(
+            QString::fromLatin1(row.type),
+            new ElementMP4(row.elementType, row.fullBox, row.handler, QString(), QString()));
     }
 }

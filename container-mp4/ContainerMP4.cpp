@@ -11,8 +11,8 @@ ContainerMP4::ElementMP4::ElementMP4()
 {
 }
 
-ContainerMP4::ElementMP4::ElementMP4(int elementType, int fullBox, BoxHandler handler,
-                                     QString name, QString description)
+ContainerMP4::ElementMP4::ElementMP4(int elementType, int fullBox, BoxHandler handler, QString name,
+                                     QString description)
     : CommonElement(elementType, name)
     , handler(handler)
     , fullBox(fullBox)
@@ -37,9 +37,8 @@ ContainerMP4::~ContainerMP4()
 
     const int streamCount = int(sampleOutputs.size());
     for (int i = 0; i < streamCount; ++i) {
-        for (QIODevice *device : {chunkOffsetTables[i], sampleToChunkTables[i],
-                                  sampleSizeTables[i], timeToSampleTables[i],
-                                  syncSampleTables[i]}) {
+        for (QIODevice *device : {chunkOffsetTables[i], sampleToChunkTables[i], sampleSizeTables[i],
+                                  timeToSampleTables[i], syncSampleTables[i]}) {
             if (device) {
                 device->close();
                 delete device;
@@ -51,8 +50,8 @@ ContainerMP4::~ContainerMP4()
 int ContainerMP4::verifyContainerFormat(const QString &fileName)
 {
     const QString suffix = QFileInfo(fileName).suffix().toLower();
-    if (suffix == QLatin1String("mp4") || suffix == QLatin1String("f4v")
-        || suffix == QLatin1String("mp4v")) {
+    if (suffix == QLatin1String("mp4") || suffix == QLatin1String("f4v") ||
+        suffix == QLatin1String("mp4v")) {
         std::fprintf(stderr, "Container format:\tMP4\n");
         return ParseOk;
     }
@@ -88,6 +87,5 @@ QString containerName()
 
 QStringList supportedExtensions()
 {
-    return QStringLiteral("mp4|f4v").split(QLatin1Char('|'), Qt::KeepEmptyParts,
-                                           Qt::CaseSensitive);
+    return QStringLiteral("mp4|f4v").split(QLatin1Char('|'), Qt::KeepEmptyParts, Qt::CaseSensitive);
 }

@@ -13,7 +13,7 @@ constexpr quint64 WorkBudgetFactor = 64;
 quint64 saturatingAdd(quint64 a, quint64 b)
 {
     return b > std::numeric_limits<quint64>::max() - a ? std::numeric_limits<quint64>::max()
-                                                        : a + b;
+                                                       : a + b;
 }
 } // namespace
 

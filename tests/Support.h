@@ -49,8 +49,7 @@ public:
 };
 
 // Parses bytes as the file "test.mp4" and returns the whole report.
-ReportTree parseReport(const QByteArray &input,
-                       const ContainerAbstract::Settings &settings = {});
+ReportTree parseReport(const QByteArray &input, const ContainerAbstract::Settings &settings = {});
 
 // One line per node, indented by depth, for comparing whole reports:
 //   element:  name[index] @offset+size ! note = value

@@ -1,0 +1,105 @@
+#include "Support.h"
+
+#include <QBuffer>
+#include <QPointer>
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+TEST(Plugin, EntryPoints)
+{
+    EXPECT_EQ(containerName(), "MP4");
+    EXPECT_EQ(supportedExtensions(), QStringList({"mp4", "f4v"}));
+    std::unique_ptr<ContainerAbstract> parser(createParser());
+    EXPECT_NE(dynamic_cast<ContainerMP4 *>(parser.get()), nullptr);
+    EXPECT_STREQ(parser->metaObject()->className(), "ContainerAbstract");
+}
+
+TEST(Plugin, FormatIsDecidedByTheSuffixAlone)
+{
+    const struct {
+        const char *name;
+        int result;
+    } cases[] = {
+        {"MOVIE.MP4", 0},
+        {"Clip.F4v", 0},
+        {"a.Mp4V", 0},
+        {"a.part.mp4", 0},
+        {"a.mp4.part", 3},
+        {"mp4", 3},
+        {"x.mov", 3},
+        {"x.m4v", 3},
+        {"x.3gp", 3},
+        {"dir.mp4/x", 3},
+        {"/no/such/file.mp4", 0},
+    };
+    for (const auto &c : cases) {
+        TestParser parser;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(parser.verifyContainerFormat(QString::fromLatin1(c.name)), c.result) << c.name;
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(err, c.result == 0 ? "Container format:\tMP4\n" : "") << c.name;
+    }
+}
+
+TEST(Plugin, BoxTable)
+{
+    TestParser parser;
+    EXPECT_EQ(parser.elements.size(), 68);
+    int containers = 0;
+    for (auto it = parser.elements.cbegin(); it != parser.elements.cend(); ++it) {
+        EXPECT_TRUE(it.value()->name.isEmpty()) << it.key().toStdString();
+        EXPECT_TRUE(it.value()->description.isEmpty()) << it.key().toStdString();
+        if (it.value()->elementType == 7) {
+            ++containers;
+            EXPECT_EQ(it.value()->handler, nullptr) << it.key().toStdString();
+            EXPECT_EQ(it.value()->fullBox, it.key() == "meta" ? 1 : 0) << it.key().toStdString();
+        }
+    }
+    EXPECT_EQ(containers, 17);
+    EXPECT_EQ(parser.elements.value("ftyp")->handler, parser.elements.value("styp")->handler);
+    EXPECT_EQ(parser.elements.value("free")->handler, parser.elements.value("skip")->handler);
+    EXPECT_EQ(parser.elements.value("ftyp")->elementType, 4);
+    EXPECT_EQ(parser.elements.value("tref")->fullBox, 0);
+    EXPECT_EQ(parser.elements.value("dref")->fullBox, 1);
+    EXPECT_EQ(parser.elements.value("trgr")->fullBox, 1);
+}
+
+TEST(Plugin, SearchIdCopiesTheRowOrLeavesItAlone)
+{
+    TestParser parser;
+    TestParser::ElementMP4 row;
+    EXPECT_EQ(parser.searchID("stsd", &row), 0);
+    EXPECT_EQ(row.elementType, 8);
+    EXPECT_EQ(row.fullBox, 1);
+    EXPECT_EQ(row.handler, parser.elements.value("stsd")->handler);
+
+    TestParser::ElementMP4 untouched(7, 1, nullptr, "keep", "this");
+    for (const char *miss : {"STSD", "uuid", ""}) {
+        EXPECT_EQ(parser.searchID(miss, &untouched), 7) << miss;
+        EXPECT_EQ(untouched.elementType, 7);
+        EXPECT_EQ(untouched.name, "keep");
+        EXPECT_EQ(untouched.description, "this");
+    }
+}
+
+TEST(Plugin, DestructorClosesTableDevicesOfEveryStream)
+{
+    QPointer<QBuffer> kept;
+    QPointer<QBuffer> other;
+    {
+        auto *parser = new TestParser;
+        parser->sampleOutputs.append(nullptr);
+        parser->chunkOffsetTables.append(nullptr);
+        kept = new QBuffer;
+        other = new QBuffer;
+        parser->sampleToChunkTables.append(kept.data());
+        parser->sampleSizeTables.append(other.data());
+        parser->timeToSampleTables.append(nullptr);
+        parser->syncSampleTables.append(nullptr);
+        delete parser;
+    }
+    EXPECT_TRUE(kept.isNull());
+    EXPECT_TRUE(other.isNull());
+}
