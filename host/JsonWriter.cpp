@@ -1,0 +1,253 @@
+#include "JsonWriter.h"
+
+JsonWriter::JsonWriter(FILE *out)
+    : out(out)
+{
+}
+
+void JsonWriter::setContainerName(const QString &name)
+{
+    containerName = name;
+}
+
+void JsonWriter::reportError(const QString &fileName, const QString &problem)
+{
+    out.appendLiteral("{\"file\":");
+    string(fileName);
+    out.appendLiteral(",\"error\":");
+    string(problem);
+    out.appendLiteral("}\n");
+    out.flush();
+}
+
+void JsonWriter::flush()
+{
+    out.flush();
+}
+
+bool JsonWriter::failed() const
+{
+    return out.failed();
+}
+
+void JsonWriter::string(const QString &text)
+{
+    out.put('"');
+    out.appendText(text, OutputBuffer::Escaping::Json);
+    out.put('"');
+}
+
+void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
+{
+    out.appendLiteral("{\"file\":");
+    string(fileName);
+    out.appendLiteral(",\"fileSize\":");
+    out.appendUnsigned(fileSize);
+    out.appendLiteral(",\"container\":");
+    string(containerName);
+    out.appendLiteral(",\"elements\":[");
+    depth = 0;
+    topHasElements = false;
+    inElements = true;
+    inReport = true;
+    hasStreams = false;
+    inStream = false;
+}
+
+void JsonWriter::endReport()
+{
+    if (!inReport)
+        return;
+    if (inStream)
+        endStream();
+    leaveElements();
+    out.appendLiteral("]}\n");
+    inReport = false;
+    out.flush();
+}
+
+void JsonWriter::beginNode()
+{
+    bool &hasChildren = depth == 0 ? topHasElements : open[depth - 1].hasChildren;
+    if (hasChildren)
+        out.put(',');
+    hasChildren = true;
+}
+
+void JsonWriter::beginElement(quint64 offset, quint64 size, const QString &name, qint64 index)
+{
+    if (!inElements)
+        return;
+    beginNode();
+    out.appendLiteral("{\"kind\":\"element\",\"name\":");
+    string(name);
+    out.appendLiteral(",\"index\":");
+    out.appendSigned(index);
+    out.appendLiteral(",\"children\":[");
+    if (depth == open.size())
+        open.emplace_back();
+    OpenElement &element = open[depth++];
+    element.offset = offset;
+    element.size = size;
+    element.note.clear();
+    element.value.clear();
+    element.hasChildren = false;
+}
+
+void JsonWriter::setElementOffset(quint64 offset)
+{
+    if (depth > 0)
+        open[depth - 1].offset = offset;
+}
+
+void JsonWriter::setElementSize(quint64 size)
+{
+    if (depth > 0)
+        open[depth - 1].size = size;
+}
+
+void JsonWriter::setElementNote(const QString &text)
+{
+    if (depth > 0)
+        open[depth - 1].note = text;
+}
+
+void JsonWriter::setElementValue(const QString &text)
+{
+    if (depth > 0)
+        open[depth - 1].value = text;
+}
+
+void JsonWriter::endElement()
+{
+    if (depth == 0)
+        return;
+    OpenElement &element = open[--depth];
+    out.appendLiteral("],\"offset\":");
+    out.appendUnsigned(element.offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(element.size);
+    out.appendLiteral(",\"note\":");
+    string(element.note);
+    out.appendLiteral(",\"value\":");
+    string(element.value);
+    out.put('}');
+}
+
+void JsonWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                          const QString &name, const QString &value, const QString &extra,
+                          const QString &comment, qint64 index)
+{
+    if (!inElements)
+        return;
+    beginNode();
+    out.appendLiteral("{\"kind\":\"field\",\"name\":");
+    string(name);
+    out.appendLiteral(",\"offset\":");
+    out.appendUnsigned(offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(size);
+    if (bitField)
+        out.appendLiteral(",\"bitField\":true,\"bitOffset\":");
+    else
+        out.appendLiteral(",\"bitField\":false,\"bitOffset\":");
+    out.appendUnsigned(bitOffset);
+    out.appendLiteral(",\"value\":");
+    string(value);
+    out.appendLiteral(",\"extra\":");
+    string(extra);
+    out.appendLiteral(",\"comment\":");
+    string(comment);
+    out.appendLiteral(",\"index\":");
+    out.appendSigned(index);
+    out.put('}');
+}
+
+void JsonWriter::addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
+                             const QString &comment)
+{
+    if (!inElements)
+        return;
+    beginNode();
+    out.appendLiteral("{\"kind\":\"raw\",\"name\":");
+    string(name);
+    out.appendLiteral(",\"offset\":");
+    out.appendUnsigned(offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(size);
+    out.appendLiteral(",\"data\":\"");
+    if (data)
+        out.appendHex(data, size, false);
+    out.appendLiteral("\",\"comment\":");
+    string(comment);
+    out.put('}');
+}
+
+void JsonWriter::leaveElements()
+{
+    if (!inElements)
+        return;
+    while (depth > 0)
+        endElement();
+    out.appendLiteral("],\"streams\":[");
+    inElements = false;
+}
+
+void JsonWriter::beginStream(int index, const StreamInfo &info)
+{
+    if (!inReport)
+        return;
+    if (inStream)
+        endStream();
+    leaveElements();
+    if (hasStreams)
+        out.put(',');
+    hasStreams = true;
+    out.appendLiteral("{\"index\":");
+    out.appendSigned(index);
+    out.appendLiteral(",\"width\":");
+    out.appendSigned(info.width);
+    out.appendLiteral(",\"height\":");
+    out.appendSigned(info.height);
+    out.appendLiteral(",\"codecId\":");
+    out.appendSigned(info.codecId);
+    out.appendLiteral(",\"configOffset\":");
+    out.appendUnsigned(info.configOffset);
+    out.appendLiteral(",\"configSize\":");
+    out.appendUnsigned(info.configSize);
+    out.appendLiteral(",\"samples\":[");
+    inStream = true;
+    streamHasSamples = false;
+}
+
+void JsonWriter::addSample(quint64 sampleIndex, const Sample &sample)
+{
+    if (!inStream)
+        return;
+    if (streamHasSamples)
+        out.put(',');
+    streamHasSamples = true;
+    out.appendLiteral("{\"index\":");
+    out.appendUnsigned(sampleIndex);
+    out.appendLiteral(",\"offset\":");
+    out.appendUnsigned(sample.offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(sample.size);
+    out.appendLiteral(",\"dts\":");
+    out.appendUnsigned(sample.dts);
+    out.appendLiteral(",\"pts\":");
+    out.appendUnsigned(sample.pts);
+    out.appendLiteral(",\"duration\":");
+    out.appendUnsigned(sample.duration);
+    out.appendLiteral(",\"keyFrame\":");
+    out.appendUnsigned(sample.keyFrame);
+    out.put('}');
+}
+
+void JsonWriter::endStream()
+{
+    if (!inStream)
+        return;
+    out.appendLiteral("]}");
+    inStream = false;
+}

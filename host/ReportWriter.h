@@ -1,0 +1,19 @@
+#pragma once
+
+#include "ReportSink.h"
+
+#include <QString>
+
+// A sink that writes reports of files to an output stream, one report after another.
+class ReportWriter : public ReportSink {
+public:
+    // Name of the container format that the next report comes from.
+    virtual void setContainerName(const QString &name) = 0;
+    // A file that gets no report: writers whose consumers expect an entry for every input
+    // write one; others write nothing, since the problem goes to the error stream.
+    virtual void reportError(const QString &fileName, const QString &problem) = 0;
+    // Writes out everything buffered so far.
+    virtual void flush() = 0;
+    // Whether writing to the output failed.
+    virtual bool failed() const = 0;
+};

@@ -1,0 +1,352 @@
+#include "TextWriter.h"
+
+namespace {
+// Columns of the sample table.
+constexpr int IndexWidth = 8;
+constexpr int OffsetWidth = 12;
+constexpr int SizeWidth = 9;
+constexpr int TimeWidth = 11;
+constexpr int KeyWidth = 4;
+
+// Field lines start with the field's place, padded to this width so that names line up.
+constexpr int PlaceWidth = 14;
+
+int decimalDigits(quint64 value)
+{
+    int digits = 1;
+    for (; value >= 10; value /= 10)
+        ++digits;
+    return digits;
+}
+
+// Names of the codec numbers that the parsers store.
+const char *codecName(int codecId)
+{
+    switch (codecId) {
+    case 5:
+        return "H.263";
+    case 13:
+        return "MPEG-4 Visual";
+    case 28:
+        return "H.264";
+    default:
+        return nullptr;
+    }
+}
+} // namespace
+
+TextWriter::TextWriter(FILE *out, bool showSamples)
+    : out(out)
+    , showSamples(showSamples)
+{
+}
+
+void TextWriter::setContainerName(const QString &name)
+{
+    containerName = name;
+}
+
+void TextWriter::reportError(const QString &, const QString &)
+{
+    // The problem goes to the error stream; the report has nothing to show.
+}
+
+void TextWriter::flush()
+{
+    out.flush();
+}
+
+bool TextWriter::failed() const
+{
+    return out.failed();
+}
+
+void TextWriter::text(const QString &value)
+{
+    out.appendText(value, OutputBuffer::Escaping::Plain);
+}
+
+void TextWriter::indent(size_t level)
+{
+    out.appendSpaces(int(2 * level));
+}
+
+void TextWriter::beginReport(const QString &fileName, quint64 fileSize)
+{
+    if (anyReport)
+        out.put('\n');
+    anyReport = true;
+    inReport = true;
+    inStream = false;
+    depth = 0;
+    text(fileName);
+    out.appendLiteral(": ");
+    out.appendUnsigned(fileSize);
+    out.appendLiteral(" bytes, ");
+    text(containerName);
+    out.put('\n');
+}
+
+void TextWriter::endReport()
+{
+    if (!inReport)
+        return;
+    while (depth > 0)
+        endElement();
+    if (inStream)
+        endStream();
+    inReport = false;
+    out.flush();
+}
+
+void TextWriter::writePendingHeader()
+{
+    if (depth == 0)
+        return;
+    OpenElement &element = open[depth - 1];
+    if (element.headerWritten)
+        return;
+    element.headerWritten = true;
+    indent(depth - 1);
+    text(element.name);
+    if (element.index != -1) {
+        out.put('[');
+        out.appendSigned(element.index);
+        out.put(']');
+    }
+    out.appendLiteral(" @");
+    out.appendUnsigned(element.offset);
+    out.appendLiteral(" size ");
+    out.appendUnsigned(element.size);
+    out.put('\n');
+}
+
+void TextWriter::beginChildLine()
+{
+    writePendingHeader();
+    indent(depth);
+}
+
+void TextWriter::beginElement(quint64 offset, quint64 size, const QString &name, qint64 index)
+{
+    if (!inReport)
+        return;
+    writePendingHeader();
+    if (depth == open.size())
+        open.emplace_back();
+    OpenElement &element = open[depth++];
+    element.offset = offset;
+    element.size = size;
+    element.name = name;
+    element.index = index;
+    element.headerWritten = false;
+}
+
+void TextWriter::setElementOffset(quint64 offset)
+{
+    if (depth > 0)
+        open[depth - 1].offset = offset;
+}
+
+void TextWriter::setElementSize(quint64 size)
+{
+    if (depth > 0)
+        open[depth - 1].size = size;
+}
+
+void TextWriter::setElementNote(const QString &note)
+{
+    if (depth == 0)
+        return;
+    beginChildLine();
+    out.appendLiteral("note: ");
+    text(note);
+    out.put('\n');
+}
+
+void TextWriter::setElementValue(const QString &value)
+{
+    if (depth == 0)
+        return;
+    beginChildLine();
+    out.appendLiteral("value: ");
+    text(value);
+    out.put('\n');
+}
+
+void TextWriter::endElement()
+{
+    if (depth == 0)
+        return;
+    writePendingHeader();
+    --depth;
+}
+
+void TextWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                          const QString &name, const QString &value, const QString &extra,
+                          const QString &comment, qint64 index)
+{
+    if (!inReport)
+        return;
+    beginChildLine();
+    out.put('@');
+    out.appendUnsigned(offset);
+    if (bitField) {
+        out.put('.');
+        out.appendUnsigned(bitOffset);
+    }
+    out.appendLiteral(" +");
+    out.appendUnsigned(size);
+    if (bitField)
+        out.put('b');
+    const int placeLength = 3 + decimalDigits(offset) + decimalDigits(size) +
+                            (bitField ? 2 + decimalDigits(bitOffset) : 0);
+    out.appendSpaces(qMax(PlaceWidth - placeLength, 1));
+    text(name);
+    if (index != -1) {
+        out.put('[');
+        out.appendSigned(index);
+        out.put(']');
+    }
+    if (!value.isEmpty()) {
+        out.appendLiteral(" = ");
+        text(value);
+    }
+    if (!extra.isEmpty()) {
+        out.appendLiteral(" [");
+        text(extra);
+        out.put(']');
+    }
+    if (!comment.isEmpty()) {
+        out.appendLiteral("  (");
+        text(comment);
+        out.put(')');
+    }
+    out.put('\n');
+}
+
+void TextWriter::addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
+                             const QString &comment)
+{
+    if (!inReport)
+        return;
+    beginChildLine();
+    out.put('@');
+    out.appendUnsigned(offset);
+    out.appendLiteral(" +");
+    out.appendUnsigned(size);
+    out.appendSpaces(qMax(PlaceWidth - 3 - decimalDigits(offset) - decimalDigits(size), 1));
+    text(name);
+    if (data && size > 0) {
+        out.appendLiteral(" = ");
+        out.appendHex(data, size, true);
+    }
+    if (!comment.isEmpty()) {
+        out.appendLiteral("  (");
+        text(comment);
+        out.put(')');
+    }
+    out.put('\n');
+}
+
+void TextWriter::writeStreamLine(bool withCount)
+{
+    out.appendLiteral("stream ");
+    out.appendSigned(streamIndex);
+    out.appendLiteral(": codec ");
+    out.appendSigned(stream.codecId);
+    if (const char *name = codecName(stream.codecId)) {
+        out.appendLiteral(" (");
+        out.append(name, std::strlen(name));
+        out.put(')');
+    }
+    out.appendLiteral(", ");
+    out.appendSigned(stream.width);
+    out.put('x');
+    out.appendSigned(stream.height);
+    out.appendLiteral(", config @");
+    out.appendUnsigned(stream.configOffset);
+    out.appendLiteral(" size ");
+    out.appendUnsigned(stream.configSize);
+    if (withCount) {
+        out.appendLiteral(", ");
+        writeSampleCount();
+    }
+    out.put('\n');
+}
+
+void TextWriter::writeSampleCount()
+{
+    out.appendUnsigned(streamSamples);
+    if (streamSamples == 1)
+        out.appendLiteral(" sample");
+    else
+        out.appendLiteral(" samples");
+}
+
+void TextWriter::writeSampleTableHeader()
+{
+    const struct {
+        const char *title;
+        int width;
+    } columns[] = {{"index", IndexWidth}, {"offset", OffsetWidth}, {"size", SizeWidth},
+                   {"dts", TimeWidth},    {"pts", TimeWidth},      {"duration", TimeWidth},
+                   {"key", KeyWidth}};
+    out.appendSpaces(2);
+    for (const auto &column : columns) {
+        const size_t length = std::strlen(column.title);
+        out.appendSpaces(column.width - int(length));
+        out.append(column.title, length);
+    }
+    out.put('\n');
+}
+
+void TextWriter::beginStream(int index, const StreamInfo &info)
+{
+    if (!inReport)
+        return;
+    while (depth > 0)
+        endElement();
+    if (inStream)
+        endStream();
+    inStream = true;
+    streamIndex = index;
+    stream = info;
+    streamSamples = 0;
+    if (showSamples) {
+        writeStreamLine(false);
+        writeSampleTableHeader();
+    }
+}
+
+void TextWriter::addSample(quint64 sampleIndex, const Sample &sample)
+{
+    if (!inStream)
+        return;
+    ++streamSamples;
+    if (!showSamples)
+        return;
+    out.appendSpaces(2);
+    out.appendUnsignedPadded(sampleIndex, IndexWidth);
+    out.appendUnsignedPadded(sample.offset, OffsetWidth);
+    out.appendUnsignedPadded(sample.size, SizeWidth);
+    out.appendUnsignedPadded(sample.dts, TimeWidth);
+    out.appendUnsignedPadded(sample.pts, TimeWidth);
+    out.appendUnsignedPadded(sample.duration, TimeWidth);
+    out.appendUnsignedPadded(sample.keyFrame, KeyWidth);
+    out.put('\n');
+}
+
+void TextWriter::endStream()
+{
+    if (!inStream)
+        return;
+    inStream = false;
+    if (showSamples) {
+        out.appendSpaces(2);
+        writeSampleCount();
+        out.put('\n');
+    } else {
+        writeStreamLine(true);
+    }
+}
