@@ -1,1 +1,9 @@
-int main() { return 0; }
+#include "Host.h"
+
+#include <QCoreApplication>
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    return runHost(application.arguments().mid(1), stdout, stderr);
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "ContainerAbstract.h"
+
+#include <QString>
+#include <QStringList>
+
+// What the command line asks for.
+struct Options {
+    enum class Format { Text, Json };
+
+    Format format = Format::Text;
+    bool showSamples = false;
+    ContainerAbstract::Settings settings;
+    QString pluginDir; // empty: PluginLoader::defaultDirectory()
+    QStringList files;
+    bool help = false;
+    bool version = false;
+};
+
+// Reads the arguments that follow the program name. Options and files may mix; "--" ends
+// the options. Values go behind the option as the next argument or after "=".
+// Returns false with a message in *error on a usage error.
+bool parseCommandLine(const QStringList &arguments, Options *options, QString *error);
+
+// The text of --help.
+QString usageText();

@@ -1,0 +1,115 @@
+#include "Host.h"
+
+#include "CommandLine.h"
+#include "InputDevice.h"
+#include "JsonWriter.h"
+#include "PluginLoader.h"
+#include "TextWriter.h"
+
+#include <memory>
+
+namespace {
+
+void message(FILE *err, const QString &text)
+{
+    std::fprintf(err, "sarvelinth: %s\n", text.toUtf8().constData());
+}
+
+void fileMessage(FILE *err, const QString &fileName, const QString &problem)
+{
+    message(err, fileName + QStringLiteral(": ") + problem);
+}
+
+QString supportedSuffixes(const std::vector<PluginLoader::Plugin> &plugins)
+{
+    QStringList suffixes;
+    for (const auto &plugin : plugins)
+        suffixes << plugin.extensions;
+    return suffixes.join(QStringLiteral(", "));
+}
+
+// Reports one file with the first plugin that takes it; returns the file's exit status.
+int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> &plugins,
+               const Options &options, ReportWriter &writer, FILE *err)
+{
+    // The plugins decide by name alone, so a file that is not there is caught first: it
+    // gets the same answer whatever its name.
+    QString problem;
+    if (!InputDevice().openFile(fileName, &problem)) {
+        fileMessage(err, fileName, problem);
+        writer.reportError(fileName, problem);
+        return ExitFileFailed;
+    }
+
+    for (const auto &plugin : plugins) {
+        std::unique_ptr<ContainerAbstract> parser(plugin.createParser());
+        if (!parser)
+            continue;
+        parser->configure(options.settings);
+        writer.setContainerName(plugin.name);
+        switch (parser->parse(fileName, writer, &problem)) {
+        case ContainerAbstract::RunNotThisFormat:
+            continue;
+        case ContainerAbstract::RunOpenFailed:
+            fileMessage(err, fileName, problem);
+            writer.reportError(fileName, problem);
+            return ExitFileFailed;
+        case ContainerAbstract::RunOk:
+            return ExitOk;
+        }
+    }
+
+    problem = plugins.empty() ? QStringLiteral("no container plugin is loaded")
+                              : QStringLiteral("not a supported container format (supported: %1)")
+                                    .arg(supportedSuffixes(plugins));
+    fileMessage(err, fileName, problem);
+    writer.reportError(fileName, problem);
+    return ExitNotTaken;
+}
+
+} // namespace
+
+int runHost(const QStringList &arguments, FILE *out, FILE *err)
+{
+    Options options;
+    QString error;
+    if (!parseCommandLine(arguments, &options, &error)) {
+        message(err, error);
+        std::fprintf(err, "Try 'sarvelinth --help'.\n");
+        return ExitUsage;
+    }
+    if (options.help) {
+        std::fputs(usageText().toUtf8().constData(), out);
+        return ExitOk;
+    }
+    if (options.version) {
+        std::fprintf(out, "sarvelinth %s\n", SARVELINTH_VERSION);
+        return ExitOk;
+    }
+
+    PluginLoader loader;
+    const QString pluginDir =
+        options.pluginDir.isEmpty() ? PluginLoader::defaultDirectory() : options.pluginDir;
+    loader.load(pluginDir);
+    for (const QString &problem : loader.problems())
+        message(err, problem);
+    if (loader.plugins().empty())
+        message(err, QStringLiteral("no container plugins found in %1").arg(pluginDir));
+
+    std::unique_ptr<ReportWriter> writer;
+    if (options.format == Options::Format::Json)
+        writer = std::make_unique<JsonWriter>(out);
+    else
+        writer = std::make_unique<TextWriter>(out, options.showSamples);
+
+    int status = ExitOk;
+    for (const QString &fileName : options.files)
+        status = qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err));
+
+    writer->flush();
+    if (writer->failed()) {
+        message(err, QStringLiteral("cannot write the report"));
+        status = qMax(status, int(ExitFileFailed));
+    }
+    return status;
+}
