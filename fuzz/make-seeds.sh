@@ -1,0 +1,116 @@
+#!/bin/bash
+# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/: small well-formed files
+# that reach every kind of box the parser reads, so that the fuzzer starts from inputs
+# that already get deep into the tree. Everything is built as hex text and turned into
+# bytes at the end, with nothing but bash and coreutils.
+set -euo pipefail
+out="$(cd "$(dirname "$0")" && pwd)/corpus"
+mkdir -p "$out"
+
+u8() { printf '%02x' "$1"; }
+u16() { printf '%04x' "$1"; }
+u32() { printf '%08x' "$1"; }
+u64() { printf '%016x' "$1"; }
+str() { printf '%s' "$1" | od -An -tx1 -v | tr -d ' \n'; }
+zeros() { printf '%0*d' $(($1 * 2)) 0; }
+# box TYPE PAYLOAD-HEX...
+box() {
+    local type=$1
+    shift
+    local payload
+    payload=$(printf '%s' "$@")
+    printf '%s%s%s' "$(u32 $((8 + ${#payload} / 2)))" "$(str "$type")" "$payload"
+}
+# full TYPE VERSION FLAGS PAYLOAD-HEX...
+full() {
+    local type=$1 version=$2 flags=$3
+    shift 3
+    box "$type" "$(u8 "$version")" "$(printf '%06x' "$flags")" "$@"
+}
+# big TYPE PAYLOAD-HEX...: declared size 1 and the true size in big_size
+big() {
+    local type=$1
+    shift
+    local payload
+    payload=$(printf '%s' "$@")
+    printf '%s%s%s%s' "$(u32 1)" "$(str "$type")" "$(u64 $((16 + ${#payload} / 2)))" "$payload"
+}
+write() { printf '%b' "$(printf '%s' "$2" | sed 's/../\\x&/g')" >"$out/$1"; }
+
+ftyp=$(box ftyp "$(str isom)" "$(u32 512)" "$(str isom)" "$(str avc1)" "$(str mp41)")
+
+mvhd0=$(full mvhd 0 0 "$(u32 100)" "$(u32 200)" "$(u32 1000)" "$(u32 2000)" "$(u32 0x10000)" \
+    "$(u16 0x100)" "$(zeros 10)" "$(u32 0x10000)" "$(zeros 12)" "$(u32 0x10000)" "$(zeros 12)" \
+    "$(u32 0x40000000)" "$(zeros 24)" "$(u32 3)")
+mvhd1=$(full mvhd 1 0 "$(u64 100)" "$(u64 200)" "$(u32 1000)" "$(u64 2000)" "$(u32 0x10000)" \
+    "$(u16 0x100)" "$(zeros 10)" "$(u32 0x10000)" "$(zeros 12)" "$(u32 0x10000)" "$(zeros 12)" \
+    "$(u32 0x40000000)" "$(zeros 24)" "$(u32 3)")
+tkhd() { # VERSION WIDTH HEIGHT
+    local times
+    if [ "$1" = 1 ]; then times="$(u64 1)$(u64 2)$(u32 1)$(u32 0)$(u64 2000)"; else
+        times="$(u32 1)$(u32 2)$(u32 1)$(u32 0)$(u32 2000)"; fi
+    full tkhd "$1" 3 "$times" "$(zeros 8)" "$(u16 0)" "$(u16 0)" "$(u16 0x100)" "$(u16 0)" \
+        "$(u32 0x10000)" "$(zeros 12)" "$(u32 0x10000)" "$(zeros 12)" "$(u32 0x40000000)" \
+        "$(u32 $(($2 << 16)))" "$(u32 $(($3 << 16)))"
+}
+mdhd() { # VERSION
+    if [ "$1" = 1 ]; then
+        full mdhd 1 0 "$(u64 1)" "$(u64 2)" "$(u32 25)" "$(u64 50)" "$(u16 0x55c4)" "$(u16 0)"
+    else
+        full mdhd 0 0 "$(u32 1)" "$(u32 2)" "$(u32 25)" "$(u32 50)" "$(u16 0x55c4)" "$(u16 0)"
+    fi
+}
+hdlr() { full hdlr 0 0 "$(u32 0)" "$(str "$1")" "$(zeros 12)" "$(str "$2")" "00"; }
+vmhd=$(full vmhd 0 1 "$(u16 0)" "$(zeros 6)")
+smhd=$(full smhd 0 0 "$(u16 0)" "$(u16 0)")
+dinf=$(box dinf "$(full dref 0 0 "$(u32 1)" "$(full 'url ' 0 1)")")
+avcC=$(box avcC "01640015ffe1" "$(u16 4)" "67640015" "01" "$(u16 2)" "68ee")
+pasp=$(box pasp "$(u32 1)" "$(u32 1)")
+visual() { # TYPE EXTRA-BOXES-HEX
+    box "$1" "$(zeros 6)" "$(u16 1)" "$(u16 0)" "$(u16 0)" "$(zeros 12)" "$(u16 64)" "$(u16 48)" \
+        "$(u32 0x480000)" "$(u32 0x480000)" "$(u32 0)" "$(u16 1)" "$(u8 4)$(str x264)$(zeros 27)" \
+        "$(u16 24)" "$(u16 0xffff)" "$2"
+}
+stsd_avc=$(full stsd 0 0 "$(u32 1)" "$(visual avc1 "$avcC$pasp")")
+stsd_two=$(full stsd 0 0 "$(u32 2)" "$(visual avc1 "$avcC")" "$(visual mp4v "")")
+esds=$(full esds 0 0 "03190000000411401500000000000000000000000005021190060102")
+stsd_audio=$(full stsd 0 0 "$(u32 1)" "$(box mp4a "$(zeros 6)" "$(u16 1)" "$(zeros 8)" \
+    "$(u16 2)" "$(u16 16)" "$(zeros 4)" "$(u32 $((44100 << 16)))" "$esds")")
+
+# Six samples in two chunks, a B-frame-free GOP with key frames 1 and 4.
+stts=$(full stts 0 0 "$(u32 2)" "$(u32 4)" "$(u32 2)" "$(u32 2)" "$(u32 3)")
+stss=$(full stss 0 0 "$(u32 2)" "$(u32 1)" "$(u32 4)")
+stsc=$(full stsc 0 0 "$(u32 2)" "$(u32 1)" "$(u32 4)" "$(u32 1)" "$(u32 2)" "$(u32 2)" "$(u32 1)")
+stco=$(full stco 0 0 "$(u32 2)" "$(u32 600)" "$(u32 700)")
+co64=$(full co64 0 0 "$(u32 2)" "$(u64 600)" "$(u64 700)")
+stsz=$(full stsz 0 0 "$(u32 0)" "$(u32 6)" "$(u32 10)" "$(u32 20)" "$(u32 30)" "$(u32 5)" \
+    "$(u32 6)" "$(u32 7)")
+stsz_const=$(full stsz 0 0 "$(u32 12)" "$(u32 6)")
+elst0=$(box edts "$(full elst 0 0 "$(u32 1)" "$(u32 2000)" "$(u32 0)" "$(u16 1)" "$(u16 0)")")
+elst1=$(box edts "$(full elst 1 0 "$(u32 2)" "$(u64 1000)" "$(u64 0xffffffffffffffff)" \
+    "$(u16 1)" "$(u16 0)" "$(u64 1000)" "$(u64 0)" "$(u16 1)" "$(u16 0)")")
+mdat=$(box mdat "$(zeros 40)")
+
+video_trak() { # VERSION STSD CHUNK-OFFSETS SAMPLE-SIZES EDITS
+    box trak "$(tkhd "$1" 64 48)" "$5" "$(box mdia "$(mdhd "$1")" "$(hdlr vide VideoHandler)" \
+        "$(box minf "$vmhd" "$dinf" "$(box stbl "$2" "$stts" "$stss" "$stsc" "$3" "$4")")")"
+}
+audio_trak=$(box trak "$(tkhd 0 0 0)" "$(box mdia "$(mdhd 0)" "$(hdlr soun SoundHandler)" \
+    "$(box minf "$smhd" "$dinf" "$(box stbl "$stsd_audio" "$stts" "$stsc" "$stco" \
+    "$stsz_const")")")")
+udta=$(box udta "$(full meta 0 0 "$(hdlr mdir '')" "$(box ilst "$(box desc \
+    "$(box data "$(u32 1)" "$(u32 0)" "$(str Lavf)")")")")")
+
+write video-track.mp4 "$ftyp$(box moov "$mvhd0" "$(video_trak 0 "$stsd_avc" "$stco" "$stsz" "$elst0")")$mdat"
+write video-version1-co64.mp4 "$ftyp$mdat$(box moov "$mvhd1" "$(video_trak 1 "$stsd_two" "$co64" \
+    "$stsz_const" "$elst1")" "$udta")"
+write video-and-audio.mp4 "$ftyp$(box moov "$mvhd0" "$(video_trak 0 "$stsd_avc" "$stco" "$stsz" "")" \
+    "$audio_trak")$(big mdat "$(zeros 24)")"
+write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u32 50)")" \
+    "$(full trex 0 0 "$(u32 1)" "$(u32 1)" "$(u32 0)" "$(u32 0)" "$(u32 0)")")")$(box styp \
+    "$(str msdh)" "$(u32 0)" "$(str msdh)" "$(str msix)")$(full sidx 0 0 "$(zeros 24)")$(box moof \
+    "$(full mfhd 0 0 "$(u32 1)")" "$(box traf "$(full tfhd 0 0 "$(u32 1)")" "$(full tfdt 0 0 \
+    "$(u32 0)")" "$(full trun 0 1 "$(u32 1)" "$(u32 8)")")")$(box mdat "$(zeros 8)")"
+write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
+    "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
+write empty.mp4 ""
