@@ -1,7 +1,7 @@
 #include "TextWriter.h"
 
 namespace {
-// Columns of the sample table.
+// Widths of the sample table's columns, each with the space in front of it.
 constexpr int IndexWidth = 8;
 constexpr int OffsetWidth = 12;
 constexpr int SizeWidth = 9;
@@ -326,14 +326,19 @@ void TextWriter::addSample(quint64 sampleIndex, const Sample &sample)
     ++streamSamples;
     if (!showSamples)
         return;
+    const struct {
+        quint64 value;
+        int width;
+    } columns[] = {{sampleIndex, IndexWidth},  {sample.offset, OffsetWidth},
+                   {sample.size, SizeWidth},   {sample.dts, TimeWidth},
+                   {sample.pts, TimeWidth},    {sample.duration, TimeWidth},
+                   {sample.keyFrame, KeyWidth}};
     out.appendSpaces(2);
-    out.appendUnsignedPadded(sampleIndex, IndexWidth);
-    out.appendUnsignedPadded(sample.offset, OffsetWidth);
-    out.appendUnsignedPadded(sample.size, SizeWidth);
-    out.appendUnsignedPadded(sample.dts, TimeWidth);
-    out.appendUnsignedPadded(sample.pts, TimeWidth);
-    out.appendUnsignedPadded(sample.duration, TimeWidth);
-    out.appendUnsignedPadded(sample.keyFrame, KeyWidth);
+    // A space before each column keeps numbers apart that outgrow their column.
+    for (const auto &column : columns) {
+        out.put(' ');
+        out.appendUnsignedPadded(column.value, column.width - 1);
+    }
     out.put('\n');
 }
 
