@@ -25,6 +25,13 @@ int ContainerMP4::parseElement(quint64 *size)
     quint64 payload = start + 8;
     QString sizeComment;
 
+    // No element is made at or behind the end of the input, nor once the work budget is
+    // spent: every walk ends there, the top level included.
+    if (start >= inputSize || walkStopped) {
+        *size = start < inputSize ? inputSize - start : 0;
+        return ParseOk;
+    }
+
     quint64 declaredSize = 0;
     input.readBytes(reinterpret_cast<char *>(&declaredSize), 4);
     swapBytes(&declaredSize, 4);
@@ -61,10 +68,15 @@ int ContainerMP4::parseElement(quint64 *size)
     if (invalidSize)
         totalSize = inputSize - start;
 
-    const quint64 extent = qMin(totalSize, inputSize - start);
+    // A box below the deepest level walks nothing and costs a few fields, so it is left out
+    // of the budget: a file whose boxes stay inside their parents then never reaches it,
+    // however deep it nests.
+    const bool tooDeep = depth >= MaxDepth;
+    const quint64 extent = tooDeep ? 0 : qMin(totalSize, inputSize - start);
     if (workDone + extent > WorkBudgetFactor * inputSize) {
         walkStopped = true;
         *size = inputSize - start;
+        input.seek(qint64(start));
         return ParseOk;
     }
     workDone += extent;
@@ -92,7 +104,7 @@ int ContainerMP4::parseElement(quint64 *size)
 
     if (invalidSize) {
         addElementNote(QStringLiteral("Invalid element size."));
-    } else if (depth > MaxDepth) {
+    } else if (tooDeep) {
         addField(false, payload, 0, remaining, QStringLiteral("data"), QString(), QString(),
                  QString(), -1);
         addElementNote(QStringLiteral("Nesting too deep."));

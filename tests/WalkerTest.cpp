@@ -204,15 +204,17 @@ TEST(Walker, WorkBudgetBoundsChildrenReachingPastParents)
     const ReportTree tree = parseReport(input);
     EXPECT_EQ(tree.openElements(), 0);
     quint64 extents = 0;
-    std::function<void(const ReportTree::Node &)> sum = [&](const ReportTree::Node &node) {
+    // Boxes below level 64 walk nothing and are not budgeted.
+    std::function<void(const ReportTree::Node &, int)> sum = [&](const ReportTree::Node &node,
+                                                                 int level) {
         for (const auto &child : node.children) {
-            if (child->kind == ReportTree::Node::Element && child->name == "udta") {
+            if (child->kind == ReportTree::Node::Element && child->name == "udta" && level <= 64) {
                 extents += qMin<quint64>(child->size, quint64(input.size()) - child->offset);
-                sum(*child);
+                sum(*child, level + 1);
             }
         }
     };
-    sum(tree.root);
+    sum(tree.root, 1);
     EXPECT_LE(extents, 64u * quint64(input.size()));
     EXPECT_GT(extents, 60u * quint64(input.size()));
 }
