@@ -23,9 +23,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // No copy: a read past the input's end then runs into the fuzzer's own guard.
     const QByteArray input =
         QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size));
+    // The settings vary with the input's size, so that every base and the unknown-data
+    // options are exercised without taking bytes away from the file.
+    ContainerAbstract::Settings settings;
+    settings.sizeBase = size % 5 == 0 ? 2 + int(size % 35) : 10;
+    settings.valueBase = size % 3 == 0 ? 2 + int(size / 3 % 35) : 10;
+    settings.showUnknownData = size % 11 != 0;
+    settings.maxUnknownDataSize = size % 13 == 0 ? size : 64;
+
     CheckingSink sink(CheckingSink::Abort);
     {
         QuietParser parser;
+        parser.configure(settings);
         parser.parseBytes(QStringLiteral("fuzz.mp4"), input, sink);
     }
     if (!sink.finished()) {
