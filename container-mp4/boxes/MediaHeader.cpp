@@ -1,0 +1,48 @@
+#include "ContainerMP4.h"
+#include "HeaderFields.h"
+#include "Render.h"
+
+namespace {
+// The three 5-bit groups of the language word, top down, as letters counted from 0x60.
+// Groups are not checked: 0 gives '`' and values above 26 characters behind 'z'.
+QString languageText(quint16 word)
+{
+    const char letters[3] = {char(((word >> 10) & 0x1F) + 0x60), char(((word >> 5) & 0x1F) + 0x60),
+                             char((word & 0x1F) + 0x60)};
+    return QString::fromLatin1(letters, 3);
+}
+} // namespace
+
+// mdhd: times, time scale, duration and language of one track's media. Times are shown
+// as stored, with no date.
+int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
+{
+    // Room for version 1; the block is read whole whatever the version, and bytes behind
+    // the fields of version 0 are never looked at.
+    unsigned char block[32] = {};
+    const quint64 count = quint64(input.readBytes(reinterpret_cast<char *>(block), sizeof block));
+    const quint64 w = HeaderFields::wideWidth(boxVersion);
+    if (count < 3 * w + 8)
+        return ParseTruncated;
+
+    FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
+    auto report = [&](quint64 position, quint64 size, const char *name, const QString &value) {
+        addField(false, offset + position, 0, size, QString::fromLatin1(name), value, QString(),
+                 QString(), -1);
+    };
+
+    report(0, w, "creation_time", Render::u64(fields.wide(0, w), valueBase));
+    report(w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase));
+    report(2 * w, 4, "timescale", Render::u32(fields.u32(2 * w), valueBase));
+    report(2 * w + 4, w, "duration", Render::u64(fields.wide(2 * w + 4, w), valueBase));
+
+    // One word holds both: a pad bit on top, shown unshifted, and the language below it.
+    const quint16 word = fields.u16(3 * w + 4);
+    addField(true, offset + 3 * w + 4, 0, 1, QStringLiteral("pad"),
+             Render::i32(word & 0x8000, valueBase), QString(), QString(), -1);
+    addField(true, offset + 3 * w + 4, 1, 15, QStringLiteral("language"), languageText(word),
+             QString(), QString(), -1);
+
+    report(3 * w + 6, 2, "pre_defined", Render::i32(fields.u16(3 * w + 6), valueBase));
+    return ParseOk;
+}
