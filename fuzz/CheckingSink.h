@@ -11,8 +11,9 @@
 
 // A report sink that checks the shape of the report as it streams past: elements
 // balanced, element operations only on an open element, fields only inside an element,
-// top-level boxes one behind the other, samples only inside a stream and streams in
-// increasing index order after the element tree. It counts what it sees, reads every
+// nothing placed before the start of the element it belongs to, top-level boxes one
+// behind the other, samples only inside a stream and streams in increasing index order
+// after the element tree. It counts what it sees, reads every
 // byte of every raw field (so that a sanitizer sees a raw field that points outside its
 // buffer) and can pass everything on to a second sink.
 //
@@ -78,7 +79,7 @@ public:
             require(offset == nextTopLevelOffset, "top-level element not behind the last one");
             require(offset < reportedFileSize, "top-level element at the end of the input");
         }
-        open.push_back(OpenElement{offset, size, open.empty()});
+        open.push_back(OpenElement{offset, size, ~quint64(0), open.empty()});
         ++elements;
         if (int(open.size()) > maxDepth)
             maxDepth = int(open.size());
@@ -124,6 +125,10 @@ public:
         if (!open.empty()) {
             const OpenElement closing = open.back();
             open.pop_back();
+            require(closing.firstChildOffset >= closing.offset,
+                    "a child placed before the start of its element");
+            // An element learns its final offset only here (list entries set it late).
+            placeChild(closing.offset);
             if (closing.topLevel) {
                 const quint64 end = closing.offset + closing.size;
                 nextTopLevelOffset = end < closing.offset ? ~quint64(0) : end;
@@ -138,6 +143,7 @@ public:
                   const QString &comment, qint64 index) override
     {
         requireOpen("addField");
+        placeChild(offset);
         ++fields;
         if (next)
             next->addField(bitField, offset, bitOffset, size, name, value, extra, comment, index);
@@ -148,6 +154,7 @@ public:
     {
         requireOpen("addRawField");
         require(size == 0 || data != nullptr, "raw field without data");
+        placeChild(offset);
         if (data) {
             unsigned sum = 0;
             for (quint64 i = 0; i < size; ++i)
@@ -195,8 +202,15 @@ private:
     struct OpenElement {
         quint64 offset;
         quint64 size;
+        quint64 firstChildOffset;
         bool topLevel;
     };
+
+    void placeChild(quint64 offset)
+    {
+        if (!open.empty() && offset < open.back().firstChildOffset)
+            open.back().firstChildOffset = offset;
+    }
 
     void require(bool condition, const std::string &what)
     {
