@@ -95,6 +95,22 @@ private:
     int depth = 0;
     quint64 workDone = 0;
     bool walkStopped = false;
+
+    // Tracks and their sample tables (samples/).
+    // Opens the stream of a trak box before its children are walked, and returns its index.
+    int beginTrack();
+    // Makes the stream's samples wanted when the track turned out to be a video track.
+    void endTrack(int stream);
+    // The buffer the current track records a table into, or null when nothing is recorded.
+    QIODevice *recordingDevice(QVector<QIODevice *> &tables);
+    // Chunk offsets of stco (4-byte entries) and co64 (8-byte entries).
+    int parseChunkOffsets(quint64 offset, quint64 size, quint64 width);
+    // Walks the samples of one stream; spends the sample budget shared by all streams.
+    void walkStream(int stream, quint64 &samplesLeft);
+    // Per stream: whether an stss was recorded for it. Without one, every sample is a key frame.
+    QVector<bool> syncTableSeen;
+    // Time-to-sample words recorded for all tracks together, held to one per input byte.
+    quint64 timeToSampleWords = 0;
 };
 
 extern "C" {

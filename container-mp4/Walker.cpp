@@ -128,7 +128,13 @@ int ContainerMP4::parseElement(quint64 *size)
             remaining -= 4;
         }
         if (row.elementType == ContainerBox) {
+            // A track opens its stream before its boxes are walked and learns after them
+            // whether its samples are wanted.
+            const bool isTrack = type == QLatin1String("trak");
+            const int stream = isTrack ? beginTrack() : -1;
             result = walkChildren(payload, saturatingAdd(start, totalSize));
+            if (isTrack)
+                endTrack(stream);
         } else if (row.handler) {
             input.seek(qint64(payload));
             result = (this->*row.handler)(payload, remaining);

@@ -1,0 +1,55 @@
+#include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
+
+// stsz: the size of each sample, or one size for all. A video track records a leading word,
+// 1 for a constant size and the sample count otherwise, then the size words, and sets the
+// stream's sample count. A second stsz in one track starts the buffer over.
+int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
+{
+    TableReader reader(input, offset, size);
+    quint32 sampleSize = 0;
+    if (!reader.read(0, &sampleSize, 4)) {
+        input.seek(qint64(offset));
+        return ParseOk;
+    }
+    swapBytes(&sampleSize, 4);
+    addField(false, offset, 0, 4, QStringLiteral("sample_size"), Render::u32(sampleSize, valueBase),
+             QString(), QString(), -1);
+    if (!reader.read(4, &sampleCount, 4)) {
+        input.seek(qint64(offset));
+        return ParseOk;
+    }
+    swapBytes(&sampleCount, 4);
+    addField(false, offset + 4, 0, 4, QStringLiteral("sample_count"),
+             Render::u32(sampleCount, valueBase), QString(), QString(), -1);
+
+    QIODevice *device = recordingDevice(sampleSizeTables);
+    if (currentTrackType == 0) {
+        const quint32 leadingWord = sampleSize != 0 ? 1 : sampleCount;
+        if (device) {
+            device->seek(0);
+            device->write(reinterpret_cast<const char *>(&leadingWord), 4);
+            device->seek(4);
+        }
+        if (!sampleCounts.isEmpty())
+            sampleCounts.last() = sampleCount;
+    }
+
+    if (sampleSize != 0) {
+        if (device)
+            device->write(reinterpret_cast<const char *>(&sampleSize), 4);
+    } else {
+        quint32 entrySize = 0;
+        for (quint32 i = 0; i < sampleCount && reader.read(8 + 4 * quint64(i), &entrySize, 4);
+             ++i) {
+            swapBytes(&entrySize, 4);
+            addField(false, offset + 8 + 4 * quint64(i), 0, 4, QStringLiteral("entry_size"),
+                     Render::u32(entrySize, valueBase), QString(), QString(), i);
+            if (device)
+                recordRecord(device, &entrySize, 4);
+        }
+    }
+    input.seek(qint64(offset));
+    return ParseOk;
+}

@@ -1,0 +1,42 @@
+#include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
+
+// stsc: from which chunk on how many samples a chunk holds. A video track records the entry
+// count as a leading word and then each entry as a 12-byte record; a second stsc in one
+// track starts the buffer over.
+int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
+{
+    TableReader reader(input, offset, size);
+    quint32 entryCount = 0;
+    if (reader.read(0, &entryCount, 4)) {
+        swapBytes(&entryCount, 4);
+        addField(false, offset, 0, 4, QStringLiteral("entry_count"),
+                 Render::u32(entryCount, valueBase), QString(), QString(), -1);
+
+        QIODevice *device = recordingDevice(sampleToChunkTables);
+        if (device) {
+            device->seek(0);
+            device->write(reinterpret_cast<const char *>(&entryCount), 4);
+            device->seek(4);
+        }
+        static const char *const names[3] = {"first_chunk", "samples_per_chunk",
+                                             "sample_description_index"};
+        quint32 entry[3];
+        for (quint32 i = 0; i < entryCount && reader.read(4 + 12 * quint64(i), entry, 12); ++i) {
+            const quint64 position = offset + 4 + 12 * quint64(i);
+            beginElement(position, 12, QStringLiteral("entry"), i);
+            for (int word = 0; word < 3; ++word) {
+                swapBytes(&entry[word], 4);
+                addField(false, position + 4 * quint64(word), 0, 4,
+                         QString::fromLatin1(names[word]), Render::u32(entry[word], valueBase),
+                         QString(), QString(), -1);
+            }
+            endElement();
+            if (device)
+                recordRecord(device, entry, 12);
+        }
+    }
+    input.seek(qint64(offset));
+    return ParseOk;
+}

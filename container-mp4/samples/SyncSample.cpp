@@ -1,0 +1,32 @@
+#include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
+
+// stss: the 1-based numbers of the sync samples. A video track records them unchanged and
+// notes that it has the table: a track without one has every sample a key frame, a track
+// whose table is empty has none.
+int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
+{
+    TableReader reader(input, offset, size);
+    quint32 entryCount = 0;
+    if (reader.read(0, &entryCount, 4)) {
+        swapBytes(&entryCount, 4);
+        addField(false, offset, 0, 4, QStringLiteral("entry_count"),
+                 Render::u32(entryCount, valueBase), QString(), QString(), -1);
+
+        QIODevice *device = recordingDevice(syncSampleTables);
+        if (device)
+            syncTableSeen.last() = true;
+        quint32 sampleNumber = 0;
+        for (quint32 i = 0; i < entryCount && reader.read(4 + 4 * quint64(i), &sampleNumber, 4);
+             ++i) {
+            swapBytes(&sampleNumber, 4);
+            addField(false, offset + 4 + 4 * quint64(i), 0, 4, QStringLiteral("sample_number"),
+                     Render::u32(sampleNumber, valueBase), QString(), QString(), i);
+            if (device)
+                recordRecord(device, &sampleNumber, 4);
+        }
+    }
+    input.seek(qint64(offset));
+    return ParseOk;
+}

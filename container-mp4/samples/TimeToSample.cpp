@@ -1,0 +1,56 @@
+#include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
+
+#include <algorithm>
+
+namespace {
+// Words of an expanded run written with one device call.
+constexpr quint64 RunBlockWords = 1024;
+} // namespace
+
+// stts: runs of samples of equal duration. A video track records one delta word per sample,
+// so that the sample walk reads each sample's duration without run logic. All tracks
+// together record at most one word per input byte; a run beyond that is cut, and the walk
+// then keeps the last delta it read.
+int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
+{
+    TableReader reader(input, offset, size);
+    quint32 entryCount = 0;
+    if (reader.read(0, &entryCount, 4)) {
+        swapBytes(&entryCount, 4);
+        addField(false, offset, 0, 4, QStringLiteral("entry_count"),
+                 Render::u32(entryCount, valueBase), QString(), QString(), -1);
+
+        QIODevice *device = recordingDevice(timeToSampleTables);
+        const quint64 wordLimit = quint64(qMax<qint64>(input.size(), 0));
+        quint32 entry[2];
+        for (quint32 i = 0; i < entryCount && reader.read(4 + 8 * quint64(i), entry, 8); ++i) {
+            const quint64 position = offset + 4 + 8 * quint64(i);
+            beginElement(position, 8, QStringLiteral("entry"), i);
+            swapBytes(&entry[0], 4);
+            addField(false, position, 0, 4, QStringLiteral("sample_count"),
+                     Render::u32(entry[0], valueBase), QString(), QString(), -1);
+            swapBytes(&entry[1], 4);
+            addField(false, position + 4, 0, 4, QStringLiteral("sample_delta"),
+                     Render::u32(entry[1], valueBase), QString(), QString(), -1);
+            endElement();
+
+            if (!device)
+                continue;
+            const quint64 allowed =
+                timeToSampleWords < wordLimit ? wordLimit - timeToSampleWords : 0;
+            quint64 words = qMin<quint64>(entry[0], allowed);
+            timeToSampleWords += words;
+            quint32 block[RunBlockWords];
+            std::fill_n(block, qMin(words, RunBlockWords), entry[1]);
+            while (words > 0) {
+                const quint64 now = qMin(words, RunBlockWords);
+                recordRecord(device, block, qint64(4 * now));
+                words -= now;
+            }
+        }
+    }
+    input.seek(qint64(offset));
+    return ParseOk;
+}

@@ -1,0 +1,36 @@
+#include "ContainerMP4.h"
+
+#include <QBuffer>
+
+// Each trak box opens a stream: a record, a sample count, a sample output (none until the
+// track proves to be video) and a place in each of the five table lists. The table buffers
+// themselves are made when a video track first records into them, so that tracks which
+// record nothing, however many a file holds, cost no device each.
+int ContainerMP4::beginTrack()
+{
+    const int stream = openStream();
+    for (QVector<QIODevice *> *tables : {&chunkOffsetTables, &sampleToChunkTables,
+                                         &sampleSizeTables, &timeToSampleTables, &syncSampleTables})
+        tables->append(nullptr);
+    syncTableSeen.append(false);
+    currentTrackType = 4;
+    return stream;
+}
+
+void ContainerMP4::endTrack(int stream)
+{
+    if (currentTrackType == 0)
+        enableSampleOutput(stream);
+}
+
+QIODevice *ContainerMP4::recordingDevice(QVector<QIODevice *> &tables)
+{
+    if (currentTrackType != 0 || tables.isEmpty())
+        return nullptr;
+    if (!tables.last()) {
+        auto *buffer = new QBuffer();
+        buffer->open(QIODevice::ReadWrite);
+        tables.last() = buffer;
+    }
+    return tables.last();
+}
