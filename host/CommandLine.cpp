@@ -84,8 +84,10 @@ bool parseCommandLine(const QStringList &arguments, Options *options, QString *e
                 options->format = Options::Format::Text;
             } else if (value == QLatin1String("json")) {
                 options->format = Options::Format::Json;
+            } else if (value == QLatin1String("html")) {
+                options->format = Options::Format::Html;
             } else {
-                *error = QStringLiteral("--format: 'text' or 'json', not '%1'").arg(value);
+                *error = QStringLiteral("--format: 'text', 'json' or 'html', not '%1'").arg(value);
                 return false;
             }
         } else if (option == QLatin1String("--value-base")) {
@@ -105,6 +107,14 @@ bool parseCommandLine(const QStringList &arguments, Options *options, QString *e
                 return false;
             }
             options->settings.maxUnknownDataSize = size;
+        } else if (option == QLatin1String("-o") || option == QLatin1String("--output")) {
+            if (!takeValue())
+                return false;
+            if (value.isEmpty()) {
+                *error = QStringLiteral("%1 needs a file name").arg(option);
+                return false;
+            }
+            options->outputFile = value;
         } else if (option == QLatin1String("--plugin-dir")) {
             if (!takeValue())
                 return false;
@@ -129,8 +139,10 @@ QString usageText()
         "its offset, size and fields, and the samples of the video streams.\n"
         "\n"
         "Options:\n"
-        "  --format text|json      output format (default text); json writes one object\n"
-        "                          per file, each on one line\n"
+        "  --format text|json|html output format (default text); json writes one object\n"
+        "                          per file, each on one line; html writes one page for\n"
+        "                          all files, to open in a browser\n"
+        "  -o, --output FILE       write the report to FILE instead of standard output\n"
         "  --samples               list every sample in the text output (json always does)\n"
         "  --value-base N          base of field values, 2 to 36 (default 10)\n"
         "  --size-base N           base of box and entry sizes, 2 to 36 (default 10)\n"

@@ -7,12 +7,13 @@
 
 // What the command line asks for.
 struct Options {
-    enum class Format { Text, Json };
+    enum class Format { Text, Json, Html };
 
     Format format = Format::Text;
     bool showSamples = false;
     ContainerAbstract::Settings settings;
-    QString pluginDir; // empty: PluginLoader::defaultDirectory()
+    QString pluginDir;  // empty: PluginLoader::defaultDirectory()
+    QString outputFile; // empty: standard output
     QStringList files;
     bool help = false;
     bool version = false;

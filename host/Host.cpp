@@ -1,11 +1,17 @@
 #include "Host.h"
 
 #include "CommandLine.h"
+#include "HtmlWriter.h"
 #include "InputDevice.h"
 #include "JsonWriter.h"
 #include "PluginLoader.h"
 #include "TextWriter.h"
 
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -67,6 +73,29 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
     return ExitNotTaken;
 }
 
+// Opens the file the report goes to. Refuses one of the input files, which opening it
+// for writing would destroy before it is read.
+FILE *openOutput(const Options &options, FILE *err, int *status)
+{
+    const QString target = QFileInfo(options.outputFile).canonicalFilePath();
+    for (const QString &fileName : options.files) {
+        if (!target.isEmpty() && QFileInfo(fileName).canonicalFilePath() == target) {
+            fileMessage(err, options.outputFile,
+                        QStringLiteral("is an input file; not overwritten"));
+            *status = ExitUsage;
+            return nullptr;
+        }
+    }
+    FILE *file = std::fopen(QFile::encodeName(options.outputFile).constData(), "wb");
+    if (!file) {
+        fileMessage(
+            err, options.outputFile,
+            QStringLiteral("cannot write: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+        *status = ExitFileFailed;
+    }
+    return file;
+}
+
 } // namespace
 
 int runHost(const QStringList &arguments, FILE *out, FILE *err)
@@ -87,6 +116,14 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         return ExitOk;
     }
 
+    FILE *reportOut = out;
+    if (!options.outputFile.isEmpty()) {
+        int status = ExitOk;
+        reportOut = openOutput(options, err, &status);
+        if (!reportOut)
+            return status;
+    }
+
     PluginLoader loader;
     const QString pluginDir =
         options.pluginDir.isEmpty() ? PluginLoader::defaultDirectory() : options.pluginDir;
@@ -98,16 +135,22 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
 
     std::unique_ptr<ReportWriter> writer;
     if (options.format == Options::Format::Json)
-        writer = std::make_unique<JsonWriter>(out);
+        writer = std::make_unique<JsonWriter>(reportOut);
+    else if (options.format == Options::Format::Html)
+        writer = std::make_unique<HtmlWriter>(reportOut);
     else
-        writer = std::make_unique<TextWriter>(out, options.showSamples);
+        writer = std::make_unique<TextWriter>(reportOut, options.showSamples);
 
     int status = ExitOk;
     for (const QString &fileName : options.files)
         status = qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err));
 
-    writer->flush();
-    if (writer->failed()) {
+    writer->finish();
+    bool writeFailed = writer->failed();
+    writer.reset();
+    if (reportOut != out)
+        writeFailed |= std::fclose(reportOut) != 0;
+    if (writeFailed) {
         message(err, QStringLiteral("cannot write the report"));
         status = qMax(status, int(ExitFileFailed));
     }

@@ -1,7 +1,13 @@
 #include "JsonWriter.h"
 
 JsonWriter::JsonWriter(FILE *out)
+    : JsonWriter(out, OutputBuffer::Escaping::Json)
+{
+}
+
+JsonWriter::JsonWriter(FILE *out, OutputBuffer::Escaping escaping)
     : out(out)
+    , escaping(escaping)
 {
 }
 
@@ -33,7 +39,7 @@ bool JsonWriter::failed() const
 void JsonWriter::string(const QString &text)
 {
     out.put('"');
-    out.appendText(text, OutputBuffer::Escaping::Json);
+    out.appendText(text, escaping);
     out.put('"');
 }
 
@@ -61,7 +67,9 @@ void JsonWriter::endReport()
     if (inStream)
         endStream();
     leaveElements();
-    out.appendLiteral("]}\n");
+    out.put(']');
+    writeReportExtras();
+    out.appendLiteral("}\n");
     inReport = false;
     out.flush();
 }

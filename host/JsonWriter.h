@@ -36,6 +36,18 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void endStream() override;
 
+protected:
+    // For writers that embed the documents in other text: strings are written with the
+    // given escaping.
+    JsonWriter(FILE *out, OutputBuffer::Escaping escaping);
+
+    // Writes further members of the report object behind "streams", each led by a comma.
+    virtual void writeReportExtras() {}
+    // A JSON string.
+    void string(const QString &text);
+
+    OutputBuffer out;
+
 private:
     // What an open element still has to write when it closes.
     struct OpenElement {
@@ -46,13 +58,12 @@ private:
         bool hasChildren = false;
     };
 
-    void string(const QString &text);
     // Separates a node from the one before it in the same list.
     void beginNode();
     // Closes the elements still open and the element list, and opens the stream list.
     void leaveElements();
 
-    OutputBuffer out;
+    OutputBuffer::Escaping escaping;
     QString containerName;
     // Open elements; entries beyond `depth` are kept to be reused.
     std::vector<OpenElement> open;

@@ -15,6 +15,7 @@ char *formatDecimal(quint64 value, char *end)
 }
 
 const char HexDigits[] = "0123456789abcdef";
+const char Base64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 } // namespace
 
 OutputBuffer::OutputBuffer(FILE *out, size_t capacity)
@@ -87,17 +88,35 @@ void OutputBuffer::appendHex(const quint8 *bytes, quint64 count, bool separator)
     }
 }
 
+void OutputBuffer::appendBase64(const quint8 *bytes, quint64 count)
+{
+    for (quint64 i = 0; i < count; i += 3) {
+        reserve(4);
+        const quint64 left = count - i;
+        const quint32 group = quint32(bytes[i]) << 16 |
+                              (left > 1 ? quint32(bytes[i + 1]) << 8 : 0) |
+                              (left > 2 ? quint32(bytes[i + 2]) : 0);
+        data[used++] = Base64Digits[group >> 18];
+        data[used++] = Base64Digits[(group >> 12) & 0x3F];
+        data[used++] = left > 1 ? Base64Digits[(group >> 6) & 0x3F] : '=';
+        data[used++] = left > 2 ? Base64Digits[group & 0x3F] : '=';
+    }
+}
+
 void OutputBuffer::appendText(const QString &text, Escaping escaping)
 {
     const auto *unit = reinterpret_cast<const char16_t *>(text.constData());
+    const char16_t *const first = unit;
     const char16_t *const end = unit + text.size();
     while (unit != end) {
         reserve(MaxUnitBytes);
         char *at = data.get() + used;
         char32_t c = *unit++;
         if (c < 0x80) {
-            if (c < 0x20 || (escaping == Escaping::Plain && c == 0x7F)) {
-                if (escaping == Escaping::Json) {
+            const bool opensTag =
+                escaping == Escaping::Script && c == '<' && unit != end && *unit == '!';
+            if (c < 0x20 || (escaping == Escaping::Plain && c == 0x7F) || opensTag) {
+                if (escaping != Escaping::Plain) {
                     std::memcpy(at, "\\u00", 4);
                     at += 4;
                 } else {
@@ -107,11 +126,19 @@ void OutputBuffer::appendText(const QString &text, Escaping escaping)
                 *at++ = HexDigits[c >> 4];
                 *at++ = HexDigits[c & 0xF];
             } else {
-                if (escaping == Escaping::Json && (c == '"' || c == '\\'))
+                const bool closesTag = c == '/' && escaping == Escaping::Script &&
+                                       unit - 1 != first && unit[-2] == '<';
+                if ((escaping != Escaping::Plain && (c == '"' || c == '\\')) || closesTag)
                     *at++ = '\\';
                 *at++ = char(c);
             }
             used = size_t(at - data.get());
+            continue;
+        }
+        // Line and paragraph separators end a line in script text.
+        if (escaping == Escaping::Script && (c == 0x2028 || c == 0x2029)) {
+            std::memcpy(at, c == 0x2028 ? "\\u2028" : "\\u2029", 6);
+            used += 6;
             continue;
         }
         if (c >= 0xD800 && c <= 0xDFFF) {

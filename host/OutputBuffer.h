@@ -14,8 +14,10 @@ class OutputBuffer {
 public:
     // How control characters and quotes in a string are written.
     enum class Escaping {
-        Json, // quote and backslash escaped, control characters as \u00XX
-        Plain // control characters as \xNN, so one record stays on one line
+        Json,   // quote and backslash escaped, control characters as \u00XX
+        Script, // Json that cannot end or disturb the HTML script element it sits in:
+                // "</" as "<\/", "<!" as "\u003c!", U+2028 and U+2029 as \u escapes
+        Plain   // control characters as \xNN, so one record stays on one line
     };
 
     explicit OutputBuffer(FILE *out, size_t capacity = 64 * 1024);
@@ -38,6 +40,9 @@ public:
     void appendSpaces(int count);
     // Two lower-case hex digits per byte; with separator, a space between bytes.
     void appendHex(const quint8 *bytes, quint64 count, bool separator);
+    // Base64 with padding. Pieces of one text join seamlessly when all but the last hold a
+    // multiple of 3 bytes.
+    void appendBase64(const quint8 *bytes, quint64 count);
     // UTF-8 of the text. Lone surrogates become U+FFFD, so the output is always valid UTF-8.
     void appendText(const QString &text, Escaping escaping);
 

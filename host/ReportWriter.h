@@ -14,6 +14,9 @@ public:
     virtual void reportError(const QString &fileName, const QString &problem) = 0;
     // Writes out everything buffered so far.
     virtual void flush() = 0;
+    // Ends the output after the last report: writers whose reports sit in a frame close
+    // it. Then writes out everything.
+    virtual void finish() { flush(); }
     // Whether writing to the output failed.
     virtual bool failed() const = 0;
 };

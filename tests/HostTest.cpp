@@ -178,13 +178,21 @@ TEST(Host, ExitStatusesAndMessages)
         {{}, 2, "sarvelinth: no file given\n..."},
         {{"--bogus", SampleFile}, 2, "sarvelinth: unknown option '--bogus'\n..."},
         {{"-x", SampleFile}, 2, "sarvelinth: unknown option '-x'\n..."},
-        {{"--format", "xml", SampleFile}, 2, "sarvelinth: --format: 'text' or 'json'..."},
+        {{"--format", "xml", SampleFile}, 2, "sarvelinth: --format: 'text', 'json' or 'html'..."},
         {{"--format"}, 2, "sarvelinth: --format needs a value\n..."},
         {{"--value-base", "1", SampleFile}, 2, "sarvelinth: --value-base: the base must..."},
         {{"--value-base", "37", SampleFile}, 2, "sarvelinth: --value-base: the base must..."},
         {{"--size-base=ten", SampleFile}, 2, "sarvelinth: --size-base: the base must..."},
         {{"--max-unknown-data", "-1", SampleFile}, 2, "sarvelinth: --max-unknown-data:..."},
         {{"--samples=yes", SampleFile}, 2, "sarvelinth: --samples takes no value\n..."},
+        {{"--output"}, 2, "sarvelinth: --output needs a value\n..."},
+        {{"-o", SampleFile, SampleFile},
+         2,
+         "sarvelinth: " + SampleFile.toUtf8() + ": is an input file; not overwritten\n"},
+        {{"-o", noPlugins + "/missing/report.html", SampleFile},
+         1,
+         "sarvelinth: " + noPlugins.toUtf8() +
+             "/missing/report.html: cannot write: No such file or directory\n"},
         {{movie},
          3,
          "sarvelinth: " + movie.toUtf8() +
@@ -312,6 +320,30 @@ TEST(Host, JsonReportIsOneValidDocumentPerFileLine)
               QJsonObject({{"file", "missing.mp4"}, {"error", "no such file"}}));
     EXPECT_EQ(documents[2].object().keys(), QStringList({"error", "file"}));
     EXPECT_EQ(documents[2].object().value("file").toString(), "CMakeLists.txt");
+}
+
+TEST(Host, OutputOptionWritesAnyFormatToTheFile)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString output = dir.filePath("report");
+    const struct {
+        QStringList arguments;
+        QByteArray start;
+    } cases[] = {
+        {{"-o", output}, "samples/sample.mp4: 5932 bytes, MP4\n"},
+        {{"--output", output, "--format", "json"}, "{\"file\":\"samples/sample.mp4\","},
+        {{"--output=" + output, "--format=html"}, "<!DOCTYPE html>\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.arguments.join(' ').toStdString());
+        const ToolRun run = runTool(c.arguments + QStringList{SampleFile});
+        EXPECT_EQ(run.exitCode, 0);
+        EXPECT_TRUE(run.out.isEmpty());
+        QFile report(output);
+        ASSERT_TRUE(report.open(QIODevice::ReadOnly));
+        EXPECT_TRUE(report.readAll().startsWith(c.start));
+    }
 }
 
 TEST(Host, JsonWriterWritesTheWholeModelInOrder)
