@@ -35,6 +35,28 @@ ensure_packages() {
         apt-get install -y --no-install-recommends "${missing[@]}" >&2
 }
 
+# ensure_browser_test: readies the browser test of the HTML report: Debian's chromium, and
+# playwright-core in tests/browser/node_modules (npm ci, when the modules are missing or
+# older than the lock file). Node.js comes with the machine. A failure only warns: the
+# test then reports itself skipped and says why.
+ensure_browser_test() {
+    local dir=$SARVELINTH_ROOT/tests/browser
+    if ! ensure_packages chromium; then
+        echo "sarvelinth: chromium could not be installed; the browser test will be skipped" >&2
+        return 0
+    fi
+    if ! command -v npm >/dev/null; then
+        echo "sarvelinth: npm is missing; the browser test will be skipped" >&2
+        return 0
+    fi
+    if [ ! -f "$dir/node_modules/.package-lock.json" ] ||
+        [ "$dir/package-lock.json" -nt "$dir/node_modules/.package-lock.json" ]; then
+        echo "sarvelinth: installing the browser test's node modules" >&2
+        (cd "$dir" && npm ci --no-audit --no-fund >&2) ||
+            echo "sarvelinth: npm ci failed in tests/browser; the browser test will be skipped" >&2
+    fi
+}
+
 # build_tree DIR [CMAKE_ARGUMENT...]: configures DIR (relative to the repository) when it
 # is new or when arguments are given, then builds it. Ninja reconfigures by itself when
 # a CMakeLists.txt changes.

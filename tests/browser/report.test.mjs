@@ -1,0 +1,297 @@
+// Opens sarvelinth's HTML report in Debian's chromium, headless, and uses it as a person
+// would: expands the video track, selects stsz, checks the field table against the JSON
+// report and the highlighted bytes against the file, filters, hovers the map, and opens a
+// report with 100,000 samples. Screenshots go to the output directory.
+//
+//   node report.test.mjs SARVELINTH OUTPUT_DIR
+//
+// Exits 77 (skipped) when chromium or playwright-core is not installed.
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath, pathToFileURL } from 'node:url';
+
+const SKIPPED = 77;
+const CHROMIUM = '/usr/bin/chromium';
+const CHROMIUM_ARGS = [
+  '--no-sandbox',
+  '--headless',
+  '--disable-gpu',
+  '--disable-background-networking',
+  '--disable-quic',
+  '--no-first-run',
+  '--disable-component-update',
+  '--disable-sync',
+];
+const SAMPLE = 'samples/sample.mp4';
+
+const [sarvelinth, outputDir] = process.argv.slice(2);
+if (!sarvelinth || !outputDir) {
+  console.error('usage: node report.test.mjs SARVELINTH OUTPUT_DIR');
+  process.exit(2);
+}
+const sourceDir = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
+
+function skip(why) {
+  console.log(`SKIPPED: ${why}`);
+  process.exit(SKIPPED);
+}
+if (!existsSync(CHROMIUM)) skip(`no browser at ${CHROMIUM}: install Debian's chromium (./test does)`);
+let chromium;
+try {
+  ({ chromium } = await import('playwright-core'));
+} catch {
+  skip('playwright-core is not installed: run npm ci in tests/browser (./test does)');
+}
+
+// ---- The reports -------------------------------------------------------------------------
+
+function runTool(args) {
+  return execFileSync(sarvelinth, args, { cwd: sourceDir, stdio: ['ignore', 'pipe', 'ignore'] });
+}
+
+mkdirSync(outputDir, { recursive: true });
+const samplePage = path.join(outputDir, 'sample.html');
+runTool(['--format', 'html', '-o', samplePage, SAMPLE]);
+const report = JSON.parse(runTool(['--format', 'json', SAMPLE]).toString());
+const fileBytes = readFileSync(path.join(sourceDir, SAMPLE));
+
+// The elements from the top down to the first element named `name` below `from`.
+function pathTo(nodes, test) {
+  for (const node of nodes) {
+    if (node.kind !== 'element') continue;
+    if (test(node)) return [node];
+    const below = pathTo(node.children, test);
+    if (below) return [node, ...below];
+  }
+  return null;
+}
+const hasField = (node, name, value) =>
+  node.children.some((child) => child.kind === 'field' && child.name === name && child.value === value);
+const isVideoTrack = (node) =>
+  node.name === 'trak' && pathTo(node.children, (n) => n.name === 'hdlr' && hasField(n, 'handler_type', 'vide'));
+const videoTrack = pathTo(report.elements, isVideoTrack);
+assert.ok(videoTrack, 'the sample has a video track');
+const stszPath = [...videoTrack, ...pathTo(videoTrack.at(-1).children, (n) => n.name === 'stsz')];
+
+// The report's JSON as the page holds it, to make variants of the page from.
+const pageText = readFileSync(samplePage, 'utf8');
+const scriptStart = '<script type="application/json" class="report">';
+function pageWith(documents) {
+  const at = pageText.indexOf(scriptStart);
+  const end = pageText.indexOf('</script>', at) + '</script>\n'.length;
+  const scripts = documents
+    .map((document) => scriptStart + JSON.stringify(document).replace(/<\//g, '<\\/').replace(/<!/g, '\\u003c!') + '</script>\n')
+    .join('');
+  return pageText.slice(0, at) + scripts + pageText.slice(end);
+}
+const embedded = JSON.parse(pageText.slice(pageText.indexOf(scriptStart) + scriptStart.length, pageText.indexOf('</script>')));
+
+// ---- The browser -------------------------------------------------------------------------
+
+const profile = mkdtempSync(path.join(os.tmpdir(), 'sarvelinth-chromium-'));
+const context = await chromium.launchPersistentContext(profile, {
+  executablePath: CHROMIUM,
+  headless: true,
+  args: CHROMIUM_ARGS,
+  viewport: { width: 1400, height: 900 },
+});
+const page = context.pages()[0] || (await context.newPage());
+const problems = [];
+page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
+page.on('console', (message) => {
+  if (message.type() === 'error') problems.push(`console: ${message.text()}`);
+});
+page.on('dialog', (dialog) => {
+  problems.push(`dialog: ${dialog.message()}`);
+  dialog.dismiss();
+});
+page.on('request', (request) => {
+  if (!request.url().startsWith('file:')) problems.push(`network request: ${request.url()}`);
+});
+
+async function open(file) {
+  await page.goto(pathToFileURL(file).href);
+  await page.waitForSelector('#tree .trow');
+}
+
+// The tree row of an element, found by its offset, which no other element in a path has.
+const treeRow = (node) => page.locator('#tree .trow', { has: page.locator(`.tat:text-is("@${node.offset}")`) }).first();
+const hex = (bytes) => Array.from(bytes, (b) => b.toString(16).padStart(2, '0')).join(' ');
+const cellTexts = (row) => row.locator(':scope > span').allInnerTexts();
+
+const checks = [];
+const check = (name, run) => checks.push({ name, run });
+
+check('the report of the sample opens without errors or network access', async () => {
+  await open(samplePage);
+  assert.equal(await page.locator('#file-name').innerText(), SAMPLE);
+  assert.deepEqual(
+    await page.locator('#tree .trow .tname').allInnerTexts(),
+    report.elements.map((node) => node.name));
+});
+
+check('expanding the video track and selecting stsz shows its fields', async () => {
+  for (const node of stszPath.slice(0, -1)) {
+    const row = treeRow(node);
+    if ((await row.getAttribute('aria-expanded')) !== 'true') await row.locator('.twist').click();
+  }
+  const stsz = stszPath.at(-1);
+  await treeRow(stsz).locator('.tname').click();
+  await page.waitForFunction(() => document.querySelector('#element-head h2')?.textContent === 'stsz');
+  assert.match(await page.locator('#element-head .facts').innerText(), new RegExp(`offset ${stsz.offset} · size ${stsz.size} bytes`));
+  const rows = await page.locator('#fields .frow').all();
+  assert.equal(rows.length, stsz.children.length);
+  for (const [i, child] of stsz.children.entries()) {
+    const [offset, size, name, value] = await cellTexts(rows[i]);
+    const indexed = child.index >= 0 ? `${child.name}[${child.index}]` : child.name;
+    assert.deepEqual([offset, size, name, value], [String(child.offset), String(child.size), indexed, child.value]);
+  }
+});
+
+check('selecting a field highlights exactly its bytes in the hex view', async () => {
+  const stsz = stszPath.at(-1);
+  const picks = [0, 1, stsz.children.length - 1];
+  for (const i of picks) {
+    const field = stsz.children[i];
+    await page.locator(`#fields .frow[data-row="${i}"]`).click();
+    const highlighted = (await page.locator('#hex .hbytes .hl').allInnerTexts()).join(' ');
+    assert.equal(highlighted, hex(fileBytes.subarray(field.offset, field.offset + field.size)), field.name);
+    assert.equal(await page.locator('#hex .hascii .hl').count(), field.size);
+    assert.match(await page.locator('#hex-head').innerText(), new RegExp(`${field.name}: bytes ${field.offset}–${field.offset + field.size - 1}`));
+  }
+  // A click on a byte selects the field that holds it.
+  const sampleCount = stsz.children.findIndex((child) => child.name === 'sample_count');
+  if (sampleCount >= 0) {
+    await page.locator(`#hex .hbytes span[data-offset="${stsz.children[sampleCount].offset + 2}"]`).click();
+    assert.equal(await page.locator('#fields .frow.selected .fname').innerText(), 'sample_count');
+  }
+  await page.screenshot({ path: path.join(outputDir, 'report-stsz.png') });
+});
+
+check('the hex view says which bytes are not embedded', async () => {
+  const mdat = report.elements.find((node) => node.name === 'mdat');
+  await treeRow(mdat).locator('.tname').click();
+  const gap = page.locator('#hex .hrow.gap');
+  assert.equal(await gap.count(), 1);
+  assert.match(await gap.innerText(), /not embedded: media data/);
+  assert.match(await page.locator('#hex-head').innerText(), new RegExp(`${mdat.size - 8} of them not embedded`));
+});
+
+check('the filter keeps the boxes whose type or field names match, with their parents', async () => {
+  await page.fill('#search', 'stsz');
+  await page.waitForFunction(() => document.querySelector('#search-count').textContent !== '');
+  const names = await page.locator('#tree .trow .tname').allInnerTexts();
+  assert.ok(names.includes('stsz'));
+  assert.ok(names.every((name) => ['moov', 'trak', 'mdia', 'minf', 'stbl', 'stsz'].includes(name)), names.join(' '));
+  await page.fill('#search', 'major_brand');
+  await page.waitForFunction(() => document.querySelector('#search-count').textContent === '1 box');
+  assert.deepEqual(await page.locator('#tree .trow.match .tname').allInnerTexts(), ['ftyp']);
+  await page.fill('#search', '');
+  await page.waitForFunction(() => document.querySelector('#search-count').textContent === '');
+});
+
+check('the map shows the top-level boxes in proportion, with their facts on hover', async () => {
+  const moov = report.elements.find((node) => node.name === 'moov');
+  const segment = page.locator('#map-bar .map-seg', { hasText: /^moov$/ });
+  const bar = await page.locator('#map-bar').boundingBox();
+  const box = await segment.boundingBox();
+  assert.ok(Math.abs(box.width / bar.width - moov.size / report.fileSize) < 0.01);
+  await segment.hover();
+  const tip = await page.locator('#tip').innerText();
+  assert.match(tip, new RegExp(`moov\\noffset ${moov.offset}\\nsize ${moov.size} bytes`));
+  await segment.click();
+  assert.equal(await page.locator('#element-head h2').innerText(), 'moov');
+});
+
+check('a video stream shows its facts, chart and samples', async () => {
+  const stream = report.streams.find((s) => s.samples.length > 0);
+  if (!stream) return; // the parser reports no samples for this file
+  await page.locator('#tabs button', { hasText: `Stream ${stream.index}:` }).click();
+  const facts = await page.locator('#stream-facts').innerText();
+  assert.match(facts, new RegExp(`Width\\s+${stream.width} px`));
+  assert.match(facts, new RegExp(`Configuration\\s+@${stream.configOffset}, ${stream.configSize} bytes`));
+  assert.equal(await page.locator('#samples .srow').count(), stream.samples.length);
+  await page.locator('#stream-facts a').click();
+  assert.equal(await page.locator('#hex .hbytes .cfg').count(), stream.configSize);
+  await page.screenshot({ path: path.join(outputDir, 'report-config.png') });
+});
+
+check('hostile names are shown as text', async () => {
+  const hostile = structuredClone(embedded);
+  const names = ['</script><img src=x onerror=alert(1)>', '<!--<script>', '\u2028"\'&'];
+  hostile.elements[0].name = names[0];
+  hostile.elements[0].note = names[1];
+  hostile.elements[0].children[0].value = names[2];
+  const file = path.join(outputDir, 'hostile.html');
+  writeFileSync(file, pageWith([hostile]));
+  await open(file);
+  assert.equal(await page.locator('#tree .trow .tname').first().innerText(), names[0]);
+  assert.equal(await page.locator('#element-head .note').innerText(), names[1]);
+  assert.equal(await page.locator('#element-head img').count(), 0);
+});
+
+check('a report with 100,000 samples opens in a few seconds and stays usable', async () => {
+  const count = 100000;
+  const big = structuredClone(embedded);
+  const samples = [];
+  let offset = 4096;
+  for (let i = 0; i < count; i++) {
+    const key = i % 50 === 0 ? 1 : 0;
+    const size = key ? 40000 + (i % 7) * 1000 : 3000 + ((i * 7919) % 5000);
+    samples.push({ index: i, offset, size, dts: i * 512, pts: i * 512 + 1024, duration: 512, keyFrame: key });
+    offset += size;
+  }
+  big.streams = [{ index: 0, width: 1920, height: 1080, codecId: 28, configOffset: 4976, configSize: 38, samples }];
+  const file = path.join(outputDir, 'samples-100000.html');
+  writeFileSync(file, pageWith([big]));
+
+  const started = Date.now();
+  await open(file);
+  await page.locator('#tabs button', { hasText: `${count} samples` }).click();
+  await page.waitForSelector('#samples .srow');
+  const seconds = (Date.now() - started) / 1000;
+  console.log(`  100,000 samples: open and show the stream in ${seconds.toFixed(1)} s`);
+  assert.ok(seconds < 10, `took ${seconds} s`);
+  assert.ok((await page.locator('#samples .srow').count()) < 200, 'only the rows in view are made');
+
+  // The end of the table, then a sample picked on the chart.
+  await page.locator('#samples .srow').first().click();
+  await page.keyboard.press('End');
+  await page.waitForSelector(`#samples .srow.selected:has(span:text-is("${count - 1}"))`);
+  const chart = await page.locator('#chart').boundingBox();
+  await page.mouse.click(chart.x + 64 + (chart.width - 76) / 2, chart.y + chart.height / 2);
+  const selected = Number(await page.locator('#samples .srow.selected span').first().innerText());
+  assert.ok(Math.abs(selected - count / 2) < count / 50, `picked sample ${selected}`);
+  const painted = await page.evaluate(() => {
+    const canvas = document.getElementById('chart');
+    const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+    let key = 0;
+    for (let i = 0; i < pixels.length; i += 4) if (pixels[i] > 200 && pixels[i + 1] < 120 && pixels[i + 2] < 100) key++;
+    return key;
+  });
+  assert.ok(painted > 100, 'key frames are marked on the chart');
+  await page.screenshot({ path: path.join(outputDir, 'report-100000-samples.png') });
+});
+
+let failed = 0;
+try {
+  for (const { name, run } of checks) {
+    const before = problems.length;
+    try {
+      await run();
+      assert.deepEqual(problems.slice(before), []);
+      console.log(`ok - ${name}`);
+    } catch (error) {
+      failed++;
+      console.log(`not ok - ${name}\n${String(error.stack || error).replace(/^/gm, '    ')}`);
+    }
+  }
+} finally {
+  await context.close();
+  rmSync(profile, { recursive: true, force: true });
+}
+console.log(`${checks.length - failed} passed, ${failed} failed`);
+process.exit(failed ? 1 : 0);
