@@ -109,11 +109,13 @@ QByteArray oneChunk(quint32 samplesPerChunk)
                 fullBox("stco", 0, 0, cat({u32(1), u32(0)}))});
 }
 
-QByteArray nested(const char *type, int depth, const QByteArray &inner = QByteArray())
+// depth boxes of the given type, each the only content of the one before.
+QByteArray nested(const char *type, int depth)
 {
-    QByteArray input = inner;
+    QByteArray input;
+    input.reserve(8 * depth);
     for (int level = 0; level < depth; ++level)
-        input = box(type, input);
+        input += cat({u32(quint32(8 * (depth - level))), text(type)});
     return input;
 }
 
