@@ -25,7 +25,6 @@ public:
         return width == 8 ? take<quint64>(position) : take<quint32>(position);
     }
     quint32 u32(quint64 position) { return take<quint32>(position); }
-    qint32 i32(quint64 position) { return take<qint32>(position); }
     quint16 u16(quint64 position) { return take<quint16>(position); }
     qint16 i16(quint64 position) { return take<qint16>(position); }
 
