@@ -836,7 +836,7 @@
       addFact('Configuration', 'none');
     }
     const count = stream.samples ? stream.samples.length : 0;
-    addFact('Samples', `${count} (${stream.keyCount} key frames)`);
+    addFact('Samples', `${count} (${stream.keyCount} key frame${stream.keyCount === 1 ? '' : 's'})`);
     addFact('Sample bytes', `${stream.total} (${humanSize(stream.total)}), largest ${stream.maxSize}`);
     if (stream.byTime) addFact('Decode time', `${stream.xMin} to ${stream.xMax} (track time units)`);
     $('samples-title').textContent = `Samples of stream ${stream.index}`;
@@ -1018,7 +1018,7 @@
     for (let c = 0; c < columns; c++) {
       if (!frames[c]) continue;
       const top = toY(frames[c]);
-      g.fillRect(CHART.left + c - Math.floor(barWidth / 2), top, barWidth, Math.max(1, base - top));
+      g.fillRect(CHART.left + c, top, barWidth, Math.max(1, base - top));
     }
     g.fillStyle = cssColor('--key');
     const dot = Math.max(3, Math.min(barWidth, 8));
@@ -1027,7 +1027,7 @@
       const x = CHART.left + c;
       if (barWidth > 3) {
         const top = toY(keys[c]);
-        g.fillRect(x - Math.floor(barWidth / 2), top, barWidth, Math.max(1, base - top));
+        g.fillRect(x, top, barWidth, Math.max(1, base - top));
       } else {
         g.fillRect(x - 1, toY(keys[c]) - 1, dot, dot);
       }
