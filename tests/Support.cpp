@@ -1,6 +1,11 @@
 #include "Support.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QtEndian>
+
+#include <gtest/gtest.h>
 
 namespace bytes {
 
@@ -100,4 +105,22 @@ QString dump(const ReportTree &report)
     for (const auto &child : report.root.children)
         all += dump(*child, 0);
     return all;
+}
+
+void expectGolden(const QString &name, const QString &actual)
+{
+    const QString path =
+        QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/golden/") + name + QStringLiteral(".txt");
+    QFile file(path);
+    if (qEnvironmentVariableIntValue("UPDATE_GOLDEN") == 1) {
+        QDir().mkpath(QFileInfo(path).path());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << "cannot write " << path.toStdString();
+        file.write(actual.toUtf8());
+        return;
+    }
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly))
+        << "missing golden file " << path.toStdString()
+        << "; run the test with UPDATE_GOLDEN=1 to create it, then review it";
+    EXPECT_EQ(actual.toStdString(), QString::fromUtf8(file.readAll()).toStdString())
+        << "golden file " << path.toStdString();
 }

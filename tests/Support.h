@@ -59,3 +59,7 @@ ReportTree parseReport(const QByteArray &input, const ContainerAbstract::Setting
 QString dump(const ReportTree::Node &node, int depth = 0);
 // The dump of every top-level element of a report.
 QString dump(const ReportTree &report);
+
+// Compares actual with tests/golden/<name>.txt. With UPDATE_GOLDEN=1 in the environment the
+// file is written instead, so a changed report is reviewed as a diff of the golden file.
+void expectGolden(const QString &name, const QString &actual);
