@@ -160,82 +160,97 @@ QByteArray handler(const char *type, const QByteArray &name = QByteArray())
 } // namespace
 
 // ---------------------------------------------------------------------------------------
-// mvhd
+// Whole reports of each box, compared with tests/golden/HeaderBoxes/<name>.txt.
 
-class MovieHeader : public UtcDates {};
+struct ReportCase {
+    const char *name;
+    QByteArray input;
+    int valueBase;
+    bool checkParsedOk; // every top-level box parsed without a problem
+};
 
-TEST_F(MovieHeader, VersionZeroAndEveryVersionButOneUseNarrowTimes)
+class WholeReport : public UtcDates {};
+
+TEST_F(WholeReport, EveryHeaderBoxInEveryVersionAndBase)
 {
-    for (int version : {0, 2, 255}) {
-        const Parsed parsed = parse(fullBox("mvhd", quint8(version), 0, movieHeaderV0()));
-        EXPECT_EQ(parsed.dump,
-                  "mvhd @0+108\n"
-                  "  size @0+4 = 108\n"
-                  "  type @4+4 = mvhd\n"
-                  "  version @8+1 = " +
-                      std::to_string(version) +
-                      "\n"
-                      "  flags @9+3 = 0\n"
-                      "  creation_time @12+4 = 1 // 01-01-1970 00:00:01\n"
-                      "  modification_time @16+4 = 2082844800 // 02-01-2036 00:00:00\n"
-                      "  timescale @20+4 = 600 // in 1/600 s\n"
-                      "  duration @24+4 = 12345\n"
-                      "  rate @28+4 = 1.-32768\n"
-                      "  volume @32+2 = 1.128\n"
-                      "  reserved @34+2 = 65535\n"
-                      "  reserved @36+8 = 1, 4294967295\n"
-                      "  transformation_matrix @44+36 = 65536, 0, 0, 0, 4294901760, 0, 0, 0, "
-                      "1073741824 // (u, v, w)\n"
-                      "  pre_defined @80+24 = 0, -1, 2, 3, 4, 5\n"
-                      "  next_track_ID @104+4 = 7\n")
-            << "version " << version;
-        EXPECT_EQ(parsed.results, std::vector<int>{0});
+    const QByteArray elstEntry = cat({u32(10), u32(20), u16(1), u16(0)});
+    const ReportCase cases[] = {
+        // Every version but 1 uses narrow times; the dates of mvhd move 1904 times to 1970.
+        {"mvhd-v0", fullBox("mvhd", 0, 0, movieHeaderV0()), 10, true},
+        {"mvhd-v2", fullBox("mvhd", 2, 0, movieHeaderV0()), 10, true},
+        {"mvhd-v255", fullBox("mvhd", 255, 0, movieHeaderV0()), 10, true},
+        // Wide times whose date takes the low 32 bits.
+        {"mvhd-v1", fullBox("mvhd", 1, 0, movieHeaderV1()), 10, false},
+        // Comments stay decimal; negatives show as two's complement.
+        {"mvhd-v0-base16", fullBox("mvhd", 0, 0, movieHeaderV0()), 16, false},
+        {"tkhd-v0", fullBox("tkhd", 0, 3, trackHeaderV0()), 10, false},
+        {"tkhd-v2", fullBox("tkhd", 2, 3, trackHeaderV0()), 10, false},
+        {"tkhd-v255", fullBox("tkhd", 255, 3, trackHeaderV0()), 10, false},
+        // Wide times shown as stored.
+        {"tkhd-v1", fullBox("tkhd", 1, 3, trackHeaderV1()), 10, false},
+        {"tkhd-v0-base16", fullBox("tkhd", 0, 3, trackHeaderV0()), 16, false},
+        {"mdhd-v0", fullBox("mdhd", 0, 0, mediaHeaderV0()), 10, false},
+        {"mdhd-v2", fullBox("mdhd", 2, 0, mediaHeaderV0()), 10, false},
+        {"mdhd-v255", fullBox("mdhd", 255, 0, mediaHeaderV0()), 10, false},
+        // Wide times and a pad bit left unshifted.
+        {"mdhd-v1", fullBox("mdhd", 1, 0, mediaHeaderV1()), 10, false},
+        {"mdhd-v1-base16", fullBox("mdhd", 1, 0, mediaHeaderV1()), 16, false},
+        // The name runs up to its zero byte.
+        {"hdlr",
+         fullBox("hdlr", 0, 0,
+                 cat({u32(0), text("vide"), u32(1), u32(2), u32(0xFFFFFFFF), text("VideoHandler"),
+                      u8(0)})),
+         10, false},
+        // Below 20 payload bytes: what is there, zeros for the rest and an empty name.
+        {"hdlr-short", fullBox("hdlr", 0, 0, cat({u32(7), text("soun"), u16(0x0102)})), 10, true},
+        {"hdlr-short-type", fullBox("hdlr", 0, 0, cat({u32(0), text("vi")})), 10, false},
+        // A 32-bit size of 2^31: the name is read only as far as the input.
+        {"hdlr-beyond-input",
+         cat({u32(0x80000000), text("hdlr"), u32(0), u32(0), text("vide"), zeros(12),
+              text("clipped")}),
+         10, false},
+        // The graphics mode comment only for copy; the colour always decimal.
+        {"vmhd", fullBox("vmhd", 0, 1, cat({u16(0), u16(0x8000), u16(0), u16(0xFFFF)})), 10, false},
+        {"vmhd-base16", fullBox("vmhd", 0, 1, cat({u16(0x40), u16(0x40), u16(0x40), u16(0x40)})),
+         16, false},
+        // Short reads show the missing bytes as zero.
+        {"vmhd-short", fullBox("vmhd", 0, 1, cat({u16(1), u8(0x12)})), 10, true},
+        {"smhd", fullBox("smhd", 0, 0, cat({u16(0xFF80), u16(0x1234)})), 10, false},
+        {"smhd-short", fullBox("smhd", 0, 0, u8(0xFF)), 10, false},
+        {"elst-v0",
+         fullBox("elst", 0, 0,
+                 cat({u32(2), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(1), u16(0), u32(100), u32(0),
+                      u16(0xFFFF), u16(5)})),
+         10, false},
+        {"elst-v1",
+         fullBox("elst", 1, 0,
+                 cat({u32(2), u64(1ull << 33), u64(~0ull), u16(1), u16(0), u64(7), u64(1000),
+                      u16(2), u16(0x8000)})),
+         10, false},
+        // Other versions have only the rate and no entry size.
+        {"elst-v2", fullBox("elst", 2, 0, cat({u32(2), u16(1), u16(0), u16(0xFFFF), u16(3)})), 10,
+         false},
+        {"elst-v0-base16",
+         fullBox("elst", 0, 0,
+                 cat({u32(1), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(0xFFFF), u16(0)})),
+         16, false},
+        {"elst-empty", fullBox("elst", 0, 0, u32(0)), 10, true},
+        // The count says more than the box holds; the box behind it is no entry.
+        {"elst-count-beyond-box",
+         cat({fullBox("elst", 0, 0, cat({u32(0xFFFFFFFF), elstEntry})), box("free", zeros(4))}), 10,
+         false},
+    };
+    for (const ReportCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        const Parsed parsed = parse(c.input, c.valueBase);
+        expectGolden(QStringLiteral("HeaderBoxes/") + QLatin1String(c.name),
+                     QString::fromStdString(parsed.dump));
+        if (c.checkParsedOk)
+            EXPECT_EQ(parsed.results, std::vector<int>{ContainerAbstract::ParseOk});
     }
 }
 
-TEST_F(MovieHeader, VersionOneHasWideTimesWhoseDateTakesTheLow32Bits)
-{
-    EXPECT_EQ(report(fullBox("mvhd", 1, 0, movieHeaderV1())),
-              "mvhd @0+120\n"
-              "  size @0+4 = 120\n"
-              "  type @4+4 = mvhd\n"
-              "  version @8+1 = 1\n"
-              "  flags @9+3 = 0\n"
-              "  creation_time @12+8 = 4294967301 // 01-01-1970 00:00:05\n"
-              "  modification_time @20+8 = 0 // 01-01-1970 00:00:00\n"
-              "  timescale @28+4 = 600 // in 1/600 s\n"
-              "  duration @32+8 = 1099511627776\n"
-              "  rate @40+4 = 1.-32768\n"
-              "  volume @44+2 = 1.128\n"
-              "  reserved @46+2 = 65535\n"
-              "  reserved @48+8 = 1, 4294967295\n"
-              "  transformation_matrix @56+36 = 65536, 0, 0, 0, 4294901760, 0, 0, 0, 1073741824 "
-              "// (u, v, w)\n"
-              "  pre_defined @92+24 = 0, -1, 2, 3, 4, 5\n"
-              "  next_track_ID @116+4 = 7\n");
-}
-
-TEST_F(MovieHeader, ValueBase16LeavesCommentsDecimalAndShowsNegativesAsTwosComplement)
-{
-    EXPECT_EQ(report(fullBox("mvhd", 0, 0, movieHeaderV0()), 16),
-              "mvhd @0+108\n"
-              "  size @0+4 = 108\n"
-              "  type @4+4 = mvhd\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  creation_time @12+4 = 1 // 01-01-1970 00:00:01\n"
-              "  modification_time @16+4 = 7c25b080 // 02-01-2036 00:00:00\n"
-              "  timescale @20+4 = 258 // in 1/600 s\n"
-              "  duration @24+4 = 3039\n"
-              "  rate @28+4 = 1.ffffffffffff8000\n"
-              "  volume @32+2 = 1.80\n"
-              "  reserved @34+2 = ffff\n"
-              "  reserved @36+8 = 1, ffffffff\n"
-              "  transformation_matrix @44+36 = 10000, 0, 0, 0, ffff0000, 0, 0, 0, 40000000 "
-              "// (u, v, w)\n"
-              "  pre_defined @80+24 = 0, ffffffffffffffff, 2, 3, 4, 5\n"
-              "  next_track_ID @104+4 = 7\n");
-}
+class MovieHeader : public UtcDates {};
 
 TEST_F(MovieHeader, TimesAboveThe1904OffsetMoveTo1970AndOthersStay)
 {
@@ -302,84 +317,7 @@ TEST_F(MovieHeader, BoxShorterThanItsLayoutTakesTheRestFromWhatFollows)
 }
 
 // ---------------------------------------------------------------------------------------
-// tkhd
-
-TEST(TrackHeader, VersionZeroAndEveryVersionButOneUseNarrowTimes)
-{
-    for (int version : {0, 2, 255}) {
-        EXPECT_EQ(report(fullBox("tkhd", quint8(version), 3, trackHeaderV0())),
-                  "tkhd @0+92\n"
-                  "  size @0+4 = 92\n"
-                  "  type @4+4 = tkhd\n"
-                  "  version @8+1 = " +
-                      std::to_string(version) +
-                      "\n"
-                      "  flags @9+3 = 3\n"
-                      "  creation_time @12+4 = 3000000000\n"
-                      "  modification_time @16+4 = 2082844801\n"
-                      "  track_id @20+4 = 1\n"
-                      "  reserved @24+4 = 3735928559\n"
-                      "  duration @28+4 = 5000\n"
-                      "  reserved @32+8 = 0, 0\n"
-                      "  layer @40+2 = -1\n"
-                      "  alternate_group @42+2 = 1\n"
-                      "  volume @44+2 = 1.0\n"
-                      "  reserved @46+2 = 65535\n"
-                      "  transformation_matrix @48+36 = 65536, 0, 0, 0, -65536, 0, 0, 0, "
-                      "1073741824 // (u, v, w)\n"
-                      "  width @84+4 = 320.32768\n"
-                      "  height @88+4 = 240.0\n")
-            << "version " << version;
-    }
-}
-
-TEST(TrackHeader, VersionOneHasWideTimesShownAsStored)
-{
-    EXPECT_EQ(report(fullBox("tkhd", 1, 3, trackHeaderV1())),
-              "tkhd @0+104\n"
-              "  size @0+4 = 104\n"
-              "  type @4+4 = tkhd\n"
-              "  version @8+1 = 1\n"
-              "  flags @9+3 = 3\n"
-              "  creation_time @12+8 = 4294967301\n"
-              "  modification_time @20+8 = 2082844801\n"
-              "  track_id @28+4 = 1\n"
-              "  reserved @32+4 = 3735928559\n"
-              "  duration @36+8 = 1099511627776\n"
-              "  reserved @44+8 = 0, 0\n"
-              "  layer @52+2 = -1\n"
-              "  alternate_group @54+2 = 1\n"
-              "  volume @56+2 = 1.0\n"
-              "  reserved @58+2 = 65535\n"
-              "  transformation_matrix @60+36 = 65536, 0, 0, 0, -65536, 0, 0, 0, 1073741824 "
-              "// (u, v, w)\n"
-              "  width @96+4 = 320.32768\n"
-              "  height @100+4 = 240.0\n");
-}
-
-TEST(TrackHeader, ValueBase16)
-{
-    EXPECT_EQ(report(fullBox("tkhd", 0, 3, trackHeaderV0()), 16),
-              "tkhd @0+92\n"
-              "  size @0+4 = 92\n"
-              "  type @4+4 = tkhd\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 3\n"
-              "  creation_time @12+4 = b2d05e00\n"
-              "  modification_time @16+4 = 7c25b081\n"
-              "  track_id @20+4 = 1\n"
-              "  reserved @24+4 = deadbeef\n"
-              "  duration @28+4 = 1388\n"
-              "  reserved @32+8 = 0, 0\n"
-              "  layer @40+2 = ffffffffffffffff\n"
-              "  alternate_group @42+2 = 1\n"
-              "  volume @44+2 = 1.0\n"
-              "  reserved @46+2 = ffff\n"
-              "  transformation_matrix @48+36 = 10000, 0, 0, 0, ffffffffffff0000, 0, 0, 0, "
-              "40000000 // (u, v, w)\n"
-              "  width @84+4 = 140.8000\n"
-              "  height @88+4 = f0.0\n");
-}
+// tkhd, mdhd
 
 TEST(TrackHeader, SizeHalvesAreUnsigned)
 {
@@ -397,60 +335,6 @@ TEST(TrackHeader, SizeHalvesAreUnsigned)
         const QByteArray input = fullBox("tkhd", 0, 0, patched(trackHeaderV0(), 72, u32(c.width)));
         EXPECT_EQ(fieldValue(input, "width"), c.text) << c.width;
     }
-}
-
-// ---------------------------------------------------------------------------------------
-// mdhd
-
-TEST(MediaHeader, VersionZeroAndEveryVersionButOneUseNarrowTimes)
-{
-    for (int version : {0, 2, 255}) {
-        EXPECT_EQ(report(fullBox("mdhd", quint8(version), 0, mediaHeaderV0())),
-                  "mdhd @0+32\n"
-                  "  size @0+4 = 32\n"
-                  "  type @4+4 = mdhd\n"
-                  "  version @8+1 = " +
-                      std::to_string(version) +
-                      "\n"
-                      "  flags @9+3 = 0\n"
-                      "  creation_time @12+4 = 2082844801\n"
-                      "  modification_time @16+4 = 3\n"
-                      "  timescale @20+4 = 90000\n"
-                      "  duration @24+4 = 305419896\n"
-                      "  pad @28.0+1b = 0\n"
-                      "  language @28.1+15b = und\n"
-                      "  pre_defined @30+2 = 65535\n")
-            << "version " << version;
-    }
-}
-
-TEST(MediaHeader, VersionOneHasWideTimesAndAnUnshiftedPadBit)
-{
-    EXPECT_EQ(report(fullBox("mdhd", 1, 0, mediaHeaderV1())), "mdhd @0+44\n"
-                                                              "  size @0+4 = 44\n"
-                                                              "  type @4+4 = mdhd\n"
-                                                              "  version @8+1 = 1\n"
-                                                              "  flags @9+3 = 0\n"
-                                                              "  creation_time @12+8 = 6377812101\n"
-                                                              "  modification_time @20+8 = 3\n"
-                                                              "  timescale @28+4 = 90000\n"
-                                                              "  duration @32+8 = 1099511627776\n"
-                                                              "  pad @40.0+1b = 32768\n"
-                                                              "  language @40.1+15b = und\n"
-                                                              "  pre_defined @42+2 = 0\n");
-    EXPECT_EQ(report(fullBox("mdhd", 1, 0, mediaHeaderV1()), 16),
-              "mdhd @0+44\n"
-              "  size @0+4 = 44\n"
-              "  type @4+4 = mdhd\n"
-              "  version @8+1 = 1\n"
-              "  flags @9+3 = 0\n"
-              "  creation_time @12+8 = 17c25b085\n"
-              "  modification_time @20+8 = 3\n"
-              "  timescale @28+4 = 15f90\n"
-              "  duration @32+8 = 10000000000\n"
-              "  pad @40.0+1b = 8000\n"
-              "  language @40.1+15b = und\n"
-              "  pre_defined @42+2 = 0\n");
 }
 
 TEST(MediaHeader, LanguageIsThreeCharactersFromFiveBitGroupsUnchecked)
@@ -512,25 +396,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 // ---------------------------------------------------------------------------------------
-// hdlr
-
-TEST(Handler, FieldsAndNameUpToItsZeroByte)
-{
-    EXPECT_EQ(report(fullBox("hdlr", 0, 0,
-                             cat({u32(0), text("vide"), u32(1), u32(2), u32(0xFFFFFFFF),
-                                  text("VideoHandler"), u8(0)}))),
-              "hdlr @0+45\n"
-              "  size @0+4 = 45\n"
-              "  type @4+4 = hdlr\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  pre_defined @12+4 = 0\n"
-              "  handler_type @16+4 = vide\n"
-              "  reserved @20+4 = 1\n"
-              "  reserved @24+4 = 2\n"
-              "  reserved @28+4 = 4294967295\n"
-              "  name @32+13 = VideoHandler\n");
-}
+// hdlr, vmhd, smhd, elst
 
 TEST(Handler, NameFillsTheRestOfTheBoxAndEndsAtTheFirstZeroByte)
 {
@@ -556,54 +422,11 @@ TEST(Handler, NameFillsTheRestOfTheBoxAndEndsAtTheFirstZeroByte)
     }
 }
 
-TEST(Handler, PayloadBelowTwentyBytesReadsWhatIsThereAndHasAnEmptyName)
-{
-    const Parsed parsed = parse(fullBox("hdlr", 0, 0, cat({u32(7), text("soun"), u16(0x0102)})));
-    EXPECT_EQ(parsed.dump, "hdlr @0+22\n"
-                           "  size @0+4 = 22\n"
-                           "  type @4+4 = hdlr\n"
-                           "  version @8+1 = 0\n"
-                           "  flags @9+3 = 0\n"
-                           "  pre_defined @12+4 = 7\n"
-                           "  handler_type @16+4 = soun\n"
-                           "  reserved @20+4 = 16908288\n"
-                           "  reserved @24+4 = 0\n"
-                           "  reserved @28+4 = 0\n"
-                           "  name @32+0\n");
-    EXPECT_EQ(parsed.results, std::vector<int>{ContainerAbstract::ParseOk});
-
-    // Even the handler type can be cut short.
-    EXPECT_EQ(report(fullBox("hdlr", 0, 0, cat({u32(0), text("vi")}))),
-              "hdlr @0+18\n"
-              "  size @0+4 = 18\n"
-              "  type @4+4 = hdlr\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  pre_defined @12+4 = 0\n"
-              "  handler_type @16+4 = vi\n"
-              "  reserved @20+4 = 0\n"
-              "  reserved @24+4 = 0\n"
-              "  reserved @28+4 = 0\n"
-              "  name @32+0\n");
-}
-
 TEST(Handler, NameOfABoxLargerThanTheInputIsReadOnlyAsFarAsTheInput)
 {
-    const QByteArray fields = cat({u32(0), text("vide"), zeros(12), text("clipped")});
-    // A 32-bit size of 2^31 and a big_size of 2^40 alike.
-    const QByteArray narrow = cat({u32(0x80000000), text("hdlr"), u32(0), fields});
-    EXPECT_EQ(report(narrow), "hdlr @0+2147483648\n"
-                              "  size @0+4 = 2147483648\n"
-                              "  type @4+4 = hdlr\n"
-                              "  version @8+1 = 0\n"
-                              "  flags @9+3 = 0\n"
-                              "  pre_defined @12+4 = 0\n"
-                              "  handler_type @16+4 = vide\n"
-                              "  reserved @20+4 = 0\n"
-                              "  reserved @24+4 = 0\n"
-                              "  reserved @28+4 = 0\n"
-                              "  name @32+2147483616 = clipped\n");
-    const QByteArray wide = cat({u32(1), text("hdlr"), u64(1ull << 40), u32(0), fields});
+    // A big_size of 2^40; the 32-bit size of 2^31 is in the whole-report table.
+    const QByteArray wide = cat({u32(1), text("hdlr"), u64(1ull << 40), u32(0), u32(0),
+                                 text("vide"), zeros(12), text("clipped")});
     const Parsed parsed = parse(wide);
     const ReportTree::Node *name = parsed.report.root.children.at(0)->child("name");
     ASSERT_NE(name, nullptr);
@@ -640,52 +463,10 @@ TEST(Handler, OnlyVideSetsTheVideoTrackTypeAndTheLastHandlerCounts)
 }
 
 // ---------------------------------------------------------------------------------------
-// vmhd and smhd
-
-TEST(VideoMediaHeader, GraphicsModeCommentOnlyForCopyAndColourAlwaysDecimal)
-{
-    EXPECT_EQ(report(fullBox("vmhd", 0, 1, cat({u16(0), u16(0x8000), u16(0), u16(0xFFFF)}))),
-              "vmhd @0+20\n"
-              "  size @0+4 = 20\n"
-              "  type @4+4 = vmhd\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 1\n"
-              "  graphicsmode @12+2 = 0 // Copy over existing image.\n"
-              "  opcolor @14+6 = 32768, 0, 65535 // red, green, blue\n");
-    EXPECT_EQ(report(fullBox("vmhd", 0, 1, cat({u16(0x40), u16(0x40), u16(0x40), u16(0x40)})), 16),
-              "vmhd @0+20\n"
-              "  size @0+4 = 20\n"
-              "  type @4+4 = vmhd\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 1\n"
-              "  graphicsmode @12+2 = 40\n"
-              "  opcolor @14+6 = 64, 64, 64 // red, green, blue\n");
-}
-
-TEST(VideoMediaHeader, ShortReadShowsMissingBytesAsZero)
-{
-    const Parsed parsed = parse(fullBox("vmhd", 0, 1, cat({u16(1), u8(0x12)})));
-    EXPECT_EQ(parsed.dump, "vmhd @0+15\n"
-                           "  size @0+4 = 15\n"
-                           "  type @4+4 = vmhd\n"
-                           "  version @8+1 = 0\n"
-                           "  flags @9+3 = 1\n"
-                           "  graphicsmode @12+2 = 1\n"
-                           "  opcolor @14+6 = 4608, 0, 0 // red, green, blue\n");
-    EXPECT_EQ(parsed.results, std::vector<int>{ContainerAbstract::ParseOk});
-}
+// smhd and elst
 
 TEST(SoundMediaHeader, BalanceIsSignedInBothHalves)
 {
-    EXPECT_EQ(report(fullBox("smhd", 0, 0, cat({u16(0xFF80), u16(0x1234)}))),
-              "smhd @0+16\n"
-              "  size @0+4 = 16\n"
-              "  type @4+4 = smhd\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  balance @12+2 = -1.-128\n"
-              "  reserved @14+2 = 4660\n");
-
     struct Case {
         quint16 balance;
         int base;
@@ -710,122 +491,17 @@ TEST(SoundMediaHeader, BalanceIsSignedInBothHalves)
     }
 }
 
-TEST(SoundMediaHeader, ShortReadShowsMissingBytesAsZero)
+TEST(EditList, ValueBase16ShowsWideNegativeTimesAsTwosComplement)
 {
-    EXPECT_EQ(report(fullBox("smhd", 0, 0, u8(0xFF))), "smhd @0+13\n"
-                                                       "  size @0+4 = 13\n"
-                                                       "  type @4+4 = smhd\n"
-                                                       "  version @8+1 = 0\n"
-                                                       "  flags @9+3 = 0\n"
-                                                       "  balance @12+2 = -1.0\n"
-                                                       "  reserved @14+2 = 0\n");
-}
-
-// ---------------------------------------------------------------------------------------
-// elst
-
-TEST(EditList, VersionZeroEntriesHave32BitTimes)
-{
-    EXPECT_EQ(report(fullBox("elst", 0, 0,
-                             cat({u32(2), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(1), u16(0),
-                                  u32(100), u32(0), u16(0xFFFF), u16(5)}))),
-              "elst @0+40\n"
-              "  size @0+4 = 40\n"
-              "  type @4+4 = elst\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  entry_count @12+4 = 2\n"
-              "  entry[0] @16+12\n"
-              "    segment_duration @16+4 = 4294967295\n"
-              "    media_time @20+4 = -1\n"
-              "    media_rate_integer @24+2 = 1\n"
-              "    media_rate_fraction @26+2 = 0 // default 0\n"
-              "  entry[1] @28+12\n"
-              "    segment_duration @28+4 = 100\n"
-              "    media_time @32+4 = 0\n"
-              "    media_rate_integer @36+2 = -1\n"
-              "    media_rate_fraction @38+2 = 5 // default 0\n");
-}
-
-TEST(EditList, VersionOneEntriesHave64BitTimes)
-{
-    EXPECT_EQ(report(fullBox("elst", 1, 0,
-                             cat({u32(2), u64(1ull << 33), u64(~0ull), u16(1), u16(0), u64(7),
-                                  u64(1000), u16(2), u16(0x8000)}))),
-              "elst @0+56\n"
-              "  size @0+4 = 56\n"
-              "  type @4+4 = elst\n"
-              "  version @8+1 = 1\n"
-              "  flags @9+3 = 0\n"
-              "  entry_count @12+4 = 2\n"
-              "  entry[0] @16+20\n"
-              "    segment_duration @16+8 = 8589934592\n"
-              "    media_time @24+8 = -1\n"
-              "    media_rate_integer @32+2 = 1\n"
-              "    media_rate_fraction @34+2 = 0 // default 0\n"
-              "  entry[1] @36+20\n"
-              "    segment_duration @36+8 = 7\n"
-              "    media_time @44+8 = 1000\n"
-              "    media_rate_integer @52+2 = 2\n"
-              "    media_rate_fraction @54+2 = -32768 // default 0\n");
-}
-
-TEST(EditList, OtherVersionsHaveOnlyTheRateAndNoEntrySize)
-{
-    EXPECT_EQ(report(fullBox("elst", 2, 0, cat({u32(2), u16(1), u16(0), u16(0xFFFF), u16(3)}))),
-              "elst @0+24\n"
-              "  size @0+4 = 24\n"
-              "  type @4+4 = elst\n"
-              "  version @8+1 = 2\n"
-              "  flags @9+3 = 0\n"
-              "  entry_count @12+4 = 2\n"
-              "  entry[0] @16+0\n"
-              "    media_rate_integer @16+2 = 1\n"
-              "    media_rate_fraction @18+2 = 0 // default 0\n"
-              "  entry[1] @20+0\n"
-              "    media_rate_integer @20+2 = -1\n"
-              "    media_rate_fraction @22+2 = 3 // default 0\n");
-}
-
-TEST(EditList, ValueBase16ShowsNegativeTimesAsTwosComplement)
-{
-    EXPECT_EQ(report(fullBox("elst", 0, 0,
-                             cat({u32(1), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(0xFFFF), u16(0)})),
-                     16),
-              "elst @0+28\n"
-              "  size @0+4 = 28\n"
-              "  type @4+4 = elst\n"
-              "  version @8+1 = 0\n"
-              "  flags @9+3 = 0\n"
-              "  entry_count @12+4 = 1\n"
-              "  entry[0] @16+12\n"
-              "    segment_duration @16+4 = ffffffff\n"
-              "    media_time @20+4 = ffffffffffffffff\n"
-              "    media_rate_integer @24+2 = ffffffffffffffff\n"
-              "    media_rate_fraction @26+2 = 0 // default 0\n");
-    const ReportTree tree = [] {
-        ContainerAbstract::Settings settings;
-        settings.valueBase = 16;
-        return parseReport(fullBox("elst", 1, 0, cat({u32(1), u64(5), u64(~0ull), zeros(4)})),
-                           settings);
-    }();
+    ContainerAbstract::Settings settings;
+    settings.valueBase = 16;
+    const ReportTree tree =
+        parseReport(fullBox("elst", 1, 0, cat({u32(1), u64(5), u64(~0ull), zeros(4)})), settings);
     EXPECT_EQ(tree.root.children.at(0)->child("entry")->child("media_time")->value,
               "ffffffffffffffff");
 }
 
-TEST(EditList, ZeroEntries)
-{
-    const Parsed parsed = parse(fullBox("elst", 0, 0, u32(0)));
-    EXPECT_EQ(parsed.dump, "elst @0+16\n"
-                           "  size @0+4 = 16\n"
-                           "  type @4+4 = elst\n"
-                           "  version @8+1 = 0\n"
-                           "  flags @9+3 = 0\n"
-                           "  entry_count @12+4 = 0\n");
-    EXPECT_EQ(parsed.results, std::vector<int>{ContainerAbstract::ParseOk});
-}
-
-TEST(EditList, EntriesStopWhereTheBoxOrTheInputEndsWhateverTheCount)
+TEST(EditList, EntriesStopWhereTheBoxOrTheInputEnds)
 {
     const QByteArray entry = cat({u32(10), u32(20), u16(1), u16(0)});
     const char *oneEntry = "  entry[0] @16+12\n"
@@ -833,21 +509,6 @@ TEST(EditList, EntriesStopWhereTheBoxOrTheInputEndsWhateverTheCount)
                            "    media_time @20+4 = 20\n"
                            "    media_rate_integer @24+2 = 1\n"
                            "    media_rate_fraction @26+2 = 0 // default 0\n";
-
-    // The count says more than the box holds; the box behind it is no entry.
-    EXPECT_EQ(
-        report(cat({fullBox("elst", 0, 0, cat({u32(0xFFFFFFFF), entry})), box("free", zeros(4))})),
-        std::string("elst @0+28\n"
-                    "  size @0+4 = 28\n"
-                    "  type @4+4 = elst\n"
-                    "  version @8+1 = 0\n"
-                    "  flags @9+3 = 0\n"
-                    "  entry_count @12+4 = 4294967295\n") +
-            oneEntry +
-            "free @28+12\n"
-            "  size @28+4 = 12\n"
-            "  type @32+4 = free\n"
-            "  data @36+4\n");
 
     // Half an entry at the end of the box, and half an entry at the end of the input.
     const QByteArray halfInBox = fullBox("elst", 0, 0, cat({u32(2), entry, entry.left(6)}));
@@ -902,155 +563,7 @@ TEST_F(RealHeaderFile, EveryFieldOfTheHeaderBoxes)
     if (!file.open(QIODevice::ReadOnly))
         GTEST_SKIP() << "missing " << headerVersionsFile().toStdString();
     const ReportTree tree = parseReport(file.readAll());
-    EXPECT_EQ(headerDumps(tree.root).toStdString(),
-              "mvhd @1532+120\n"
-              "  size @1532+4 = 120\n"
-              "  type @1536+4 = mvhd\n"
-              "  version @1540+1 = 1\n"
-              "  flags @1541+3 = 0\n"
-              "  creation_time @1544+8 = 1704164645 // 02-01-2024 03:04:05\n"
-              "  modification_time @1552+8 = 1704164645 // 02-01-2024 03:04:05\n"
-              "  timescale @1560+4 = 1000000000 // in 1/1000000000 s\n"
-              "  duration @1564+8 = 5000000000\n"
-              "  rate @1572+4 = 1.0\n"
-              "  volume @1576+2 = 1.0\n"
-              "  reserved @1578+2 = 0\n"
-              "  reserved @1580+8 = 0, 0\n"
-              "  transformation_matrix @1588+36 = 65536, 0, 0, 0, 65536, 0, 0, 0, 1073741824 // "
-              "(u, v, w)\n"
-              "  pre_defined @1624+24 = 0, 0, 0, 0, 0, 0\n"
-              "  next_track_ID @1648+4 = 3\n"
-              "tkhd @1660+104\n"
-              "  size @1660+4 = 104\n"
-              "  type @1664+4 = tkhd\n"
-              "  version @1668+1 = 1\n"
-              "  flags @1669+3 = 3\n"
-              "  creation_time @1672+8 = 3787009445\n"
-              "  modification_time @1680+8 = 3787009445\n"
-              "  track_id @1688+4 = 1\n"
-              "  reserved @1692+4 = 0\n"
-              "  duration @1696+8 = 5000000000\n"
-              "  reserved @1704+8 = 0, 0\n"
-              "  layer @1712+2 = 0\n"
-              "  alternate_group @1714+2 = 0\n"
-              "  volume @1716+2 = 0.0\n"
-              "  reserved @1718+2 = 0\n"
-              "  transformation_matrix @1720+36 = 65536, 0, 0, 0, 65536, 0, 0, 0, 1073741824 // "
-              "(u, v, w)\n"
-              "  width @1756+4 = 16.0\n"
-              "  height @1760+4 = 16.0\n"
-              "elst @1772+36\n"
-              "  size @1772+4 = 36\n"
-              "  type @1776+4 = elst\n"
-              "  version @1780+1 = 1\n"
-              "  flags @1781+3 = 0\n"
-              "  entry_count @1784+4 = 1\n"
-              "  entry[0] @1788+20\n"
-              "    segment_duration @1788+8 = 5000000000\n"
-              "    media_time @1796+8 = 0\n"
-              "    media_rate_integer @1804+2 = 1\n"
-              "    media_rate_fraction @1806+2 = 0 // default 0\n"
-              "mdhd @1816+44\n"
-              "  size @1816+4 = 44\n"
-              "  type @1820+4 = mdhd\n"
-              "  version @1824+1 = 1\n"
-              "  flags @1825+3 = 0\n"
-              "  creation_time @1828+8 = 3787009445\n"
-              "  modification_time @1836+8 = 3787009445\n"
-              "  timescale @1844+4 = 1000000000\n"
-              "  duration @1848+8 = 5000000000\n"
-              "  pad @1856.0+1b = 0\n"
-              "  language @1856.1+15b = und\n"
-              "  pre_defined @1858+2 = 0\n"
-              "hdlr @1860+45\n"
-              "  size @1860+4 = 45\n"
-              "  type @1864+4 = hdlr\n"
-              "  version @1868+1 = 0\n"
-              "  flags @1869+3 = 0\n"
-              "  pre_defined @1872+4 = 0\n"
-              "  handler_type @1876+4 = vide\n"
-              "  reserved @1880+4 = 0\n"
-              "  reserved @1884+4 = 0\n"
-              "  reserved @1888+4 = 0\n"
-              "  name @1892+13 = VideoHandler\n"
-              "vmhd @1913+20\n"
-              "  size @1913+4 = 20\n"
-              "  type @1917+4 = vmhd\n"
-              "  version @1921+1 = 0\n"
-              "  flags @1922+3 = 1\n"
-              "  graphicsmode @1925+2 = 0 // Copy over existing image.\n"
-              "  opcolor @1927+6 = 0, 0, 0 // red, green, blue\n"
-              "tkhd @2316+92\n"
-              "  size @2316+4 = 92\n"
-              "  type @2320+4 = tkhd\n"
-              "  version @2324+1 = 0\n"
-              "  flags @2325+3 = 3\n"
-              "  creation_time @2328+4 = 3787009445\n"
-              "  modification_time @2332+4 = 3787009445\n"
-              "  track_id @2336+4 = 2\n"
-              "  reserved @2340+4 = 0\n"
-              "  duration @2344+4 = 1000000000\n"
-              "  reserved @2348+8 = 0, 0\n"
-              "  layer @2356+2 = 0\n"
-              "  alternate_group @2358+2 = 1\n"
-              "  volume @2360+2 = 1.0\n"
-              "  reserved @2362+2 = 0\n"
-              "  transformation_matrix @2364+36 = 65536, 0, 0, 0, 65536, 0, 0, 0, 1073741824 // "
-              "(u, v, w)\n"
-              "  width @2400+4 = 0.0\n"
-              "  height @2404+4 = 0.0\n"
-              "elst @2416+28\n"
-              "  size @2416+4 = 28\n"
-              "  type @2420+4 = elst\n"
-              "  version @2424+1 = 0\n"
-              "  flags @2425+3 = 0\n"
-              "  entry_count @2428+4 = 1\n"
-              "  entry[0] @2432+12\n"
-              "    segment_duration @2432+4 = 1000000000\n"
-              "    media_time @2436+4 = 1024\n"
-              "    media_rate_integer @2440+2 = 1\n"
-              "    media_rate_fraction @2442+2 = 0 // default 0\n"
-              "mdhd @2452+32\n"
-              "  size @2452+4 = 32\n"
-              "  type @2456+4 = mdhd\n"
-              "  version @2460+1 = 0\n"
-              "  flags @2461+3 = 0\n"
-              "  creation_time @2464+4 = 3787009445\n"
-              "  modification_time @2468+4 = 3787009445\n"
-              "  timescale @2472+4 = 8000\n"
-              "  duration @2476+4 = 9024\n"
-              "  pad @2480.0+1b = 0\n"
-              "  language @2480.1+15b = und\n"
-              "  pre_defined @2482+2 = 0\n"
-              "hdlr @2484+45\n"
-              "  size @2484+4 = 45\n"
-              "  type @2488+4 = hdlr\n"
-              "  version @2492+1 = 0\n"
-              "  flags @2493+3 = 0\n"
-              "  pre_defined @2496+4 = 0\n"
-              "  handler_type @2500+4 = soun\n"
-              "  reserved @2504+4 = 0\n"
-              "  reserved @2508+4 = 0\n"
-              "  reserved @2512+4 = 0\n"
-              "  name @2516+13 = SoundHandler\n"
-              "smhd @2537+16\n"
-              "  size @2537+4 = 16\n"
-              "  type @2541+4 = smhd\n"
-              "  version @2545+1 = 0\n"
-              "  flags @2546+3 = 0\n"
-              "  balance @2549+2 = 0.0\n"
-              "  reserved @2551+2 = 0\n"
-              "hdlr @2949+33\n"
-              "  size @2949+4 = 33\n"
-              "  type @2953+4 = hdlr\n"
-              "  version @2957+1 = 0\n"
-              "  flags @2958+3 = 0\n"
-              "  pre_defined @2961+4 = 0\n"
-              "  handler_type @2965+4 = mdir\n"
-              "  reserved @2969+4 = 1634758764\n"
-              "  reserved @2973+4 = 0\n"
-              "  reserved @2977+4 = 0\n"
-              "  name @2981+1\n");
+    expectGolden(QStringLiteral("HeaderBoxes/header-versions-file"), headerDumps(tree.root));
 }
 
 namespace {
