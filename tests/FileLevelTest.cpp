@@ -11,31 +11,34 @@ std::string report(const QByteArray &input, const ContainerAbstract::Settings &s
 }
 } // namespace
 
-TEST(FileType, BrandsAndMinorVersion)
+// Whole reports compared with tests/golden/FileLevel/<name>.txt.
+TEST(FileLevel, WholeReports)
 {
-    const QByteArray input =
-        box("ftyp", cat({text("isom"), u32(0x20050300), text("iso2"), text("ab"), u16(0x0063)}));
-    EXPECT_EQ(report(input), "ftyp @0+24\n"
-                             "  size @0+4 = 24\n"
-                             "  type @4+4 = ftyp\n"
-                             "  major_brand @8+4 = isom\n"
-                             "  minor_version @12+4 = 2005.03.00\n"
-                             "  compatible_brands @16+8\n"
-                             "    brand @16+4 = iso2\n"
-                             "    brand @20+4 = ab\n");
-}
-
-TEST(FileType, MinorVersionIsHexBytesWhateverTheBase)
-{
-    ContainerAbstract::Settings settings;
-    settings.valueBase = 2;
-    const QByteArray input = box("styp", cat({text("msdh"), u32(0x0000AB0C)}));
-    EXPECT_EQ(report(input, settings), "styp @0+16\n"
-                                       "  size @0+4 = 16\n"
-                                       "  type @4+4 = styp\n"
-                                       "  major_brand @8+4 = msdh\n"
-                                       "  minor_version @12+4 = 0000.ab.0c\n"
-                                       "  compatible_brands @16+0\n");
+    const struct {
+        const char *name;
+        QByteArray input;
+        int valueBase;
+    } cases[] = {
+        {"ftyp-brands-and-minor-version",
+         box("ftyp", cat({text("isom"), u32(0x20050300), text("iso2"), text("ab"), u16(0x0063)})),
+         10},
+        // The minor version is hex bytes whatever the base.
+        {"styp-minor-version-base-2", box("styp", cat({text("msdh"), u32(0x0000AB0C)})), 2},
+        // Brand text ends at a zero byte.
+        {"ftyp-zero-in-brand", box("ftyp", cat({text("ab"), u8(0), text("c"), zeros(4), zeros(4)})),
+         10},
+        // Four payload bytes: both fields are reported, the brand list is empty.
+        {"ftyp-short-payload", box("ftyp", text("qt  ")), 10},
+        // free, skip and mdat read nothing.
+        {"junk", cat({box("free"), box("skip", zeros(3)), box("mdat", text("xyz"))}), 10},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ContainerAbstract::Settings settings;
+        settings.valueBase = c.valueBase;
+        expectGolden(QStringLiteral("FileLevel/") + QLatin1String(c.name),
+                     dump(parseReport(c.input, settings)));
+    }
 }
 
 TEST(FileType, LastPartialBrandTakesBytesBehindThePayload)
@@ -53,27 +56,6 @@ TEST(FileType, LastPartialBrandTakesBytesBehindThePayload)
     EXPECT_EQ(brands->children[0]->value, "abcd");
 }
 
-TEST(FileType, BrandTextEndsAtZeroAndShortPayloadHasNoBrands)
-{
-    const QByteArray zeroInside =
-        box("ftyp", cat({text("ab"), u8(0), text("c"), zeros(4), zeros(4)}));
-    EXPECT_EQ(report(zeroInside), "ftyp @0+20\n"
-                                  "  size @0+4 = 20\n"
-                                  "  type @4+4 = ftyp\n"
-                                  "  major_brand @8+4 = ab\n"
-                                  "  minor_version @12+4 = 0000.00.00\n"
-                                  "  compatible_brands @16+4\n"
-                                  "    brand @16+4\n");
-    // Four payload bytes: both fields are reported, the brand list is empty.
-    const QByteArray shortPayload = box("ftyp", text("qt  "));
-    EXPECT_EQ(report(shortPayload), "ftyp @0+12\n"
-                                    "  size @0+4 = 12\n"
-                                    "  type @4+4 = ftyp\n"
-                                    "  major_brand @8+4 = qt  \n"
-                                    "  minor_version @12+4 = 7174.20.20\n"
-                                    "  compatible_brands @16+0\n");
-}
-
 TEST(FileType, BrandsStopAtEndOfInput)
 {
     // The box claims a million brands; only those inside the input are reported.
@@ -83,23 +65,6 @@ TEST(FileType, BrandsStopAtEndOfInput)
     const auto *brands = tree.root.children[0]->child("compatible_brands");
     EXPECT_EQ(brands->size, 1000000u);
     EXPECT_EQ(brands->children.size(), 2u);
-}
-
-TEST(Junk, FreeSkipAndMediaDataReadNothing)
-{
-    const QByteArray input = cat({box("free"), box("skip", zeros(3)), box("mdat", text("xyz"))});
-    EXPECT_EQ(report(input), "free @0+8\n"
-                             "  size @0+4 = 8\n"
-                             "  type @4+4 = free\n"
-                             "  data @8+0\n"
-                             "skip @8+11\n"
-                             "  size @8+4 = 11\n"
-                             "  type @12+4 = skip\n"
-                             "  data @16+3\n"
-                             "mdat @19+11\n"
-                             "  size @19+4 = 11\n"
-                             "  type @23+4 = mdat\n"
-                             "  media_data @27+3\n");
 }
 
 TEST(Junk, LastMediaDataOfSizeZeroReachesToEnd)
