@@ -117,13 +117,7 @@ TEST(Base, ReportModelKeepsCallOrderAndNesting)
     };
     ReportTree report;
     parser.parseBytes("x", QByteArray(10, 'x'), report);
-    EXPECT_EQ(dump(report), "outer @0+10\n"
-                            "  same @0+0\n"
-                            "  same @0+0\n"
-                            "  entry[3] @4+2\n"
-                            "    inner @4+0\n"
-                            "  after @0+0\n"
-                            "  raw @5+2 = ab01 // c\n");
+    expectGolden("Base/report-model", dump(report));
     EXPECT_EQ(report.openElements(), 0);
     EXPECT_EQ(report.reportsBegun, 1);
     EXPECT_EQ(report.reportsEnded, 1);
