@@ -245,8 +245,9 @@ TEST_F(WholeReport, EveryHeaderBoxInEveryVersionAndBase)
         const Parsed parsed = parse(c.input, c.valueBase);
         expectGolden(QStringLiteral("HeaderBoxes/") + QLatin1String(c.name),
                      QString::fromStdString(parsed.dump));
-        if (c.checkParsedOk)
+        if (c.checkParsedOk) {
             EXPECT_EQ(parsed.results, std::vector<int>{ContainerAbstract::ParseOk});
+        }
     }
 }
 
