@@ -4,19 +4,41 @@ namespace {
 // The longest UTF-8 or escape sequence one step of appendText writes.
 constexpr size_t MaxUnitBytes = 6;
 
-// Writes the decimal digits of value so that they end at end; returns where they begin.
-char *formatDecimal(quint64 value, char *end)
-{
-    do {
-        *--end = char('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    return end;
-}
-
 const char HexDigits[] = "0123456789abcdef";
 const char Base64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Per escaping, the ASCII characters that appendText cannot copy as they are.
+struct SpecialCharacters {
+    bool json[128] = {};
+    bool script[128] = {};
+    bool plain[128] = {};
+
+    constexpr SpecialCharacters()
+    {
+        for (int c = 0; c < 0x20; ++c)
+            json[c] = script[c] = plain[c] = true;
+        json['"'] = json['\\'] = true;
+        script['"'] = script['\\'] = script['<'] = script['/'] = true;
+        plain[0x7F] = true;
+    }
+};
+constexpr SpecialCharacters Special;
 } // namespace
+
+constexpr OutputBuffer::DecimalTables::DecimalTables()
+    : powersOf10()
+    , digitPairs()
+{
+    quint64 power = 1;
+    for (int i = 0; i < 20; ++i, power *= 10)
+        powersOf10[i] = power;
+    for (int i = 0; i < 100; ++i) {
+        digitPairs[2 * i] = char('0' + i / 10);
+        digitPairs[2 * i + 1] = char('0' + i % 10);
+    }
+}
+
+const OutputBuffer::DecimalTables OutputBuffer::decimal;
 
 OutputBuffer::OutputBuffer(FILE *out, size_t capacity)
     : out(out)
@@ -30,51 +52,32 @@ OutputBuffer::~OutputBuffer()
     drain();
 }
 
-void OutputBuffer::append(const char *text, size_t length)
+void OutputBuffer::appendLong(const char *text, size_t length)
 {
-    if (length > capacity - used) {
-        drain();
-        if (length > capacity) {
-            writeFailed |= std::fwrite(text, 1, length, out) != length;
-            return;
-        }
+    drain();
+    if (length > capacity) {
+        writeFailed |= std::fwrite(text, 1, length, out) != length;
+        return;
     }
-    std::memcpy(data.get() + used, text, length);
-    used += length;
-}
-
-void OutputBuffer::appendUnsigned(quint64 value)
-{
-    char digits[20];
-    char *end = digits + sizeof digits;
-    const char *begin = formatDecimal(value, end);
-    append(begin, size_t(end - begin));
-}
-
-void OutputBuffer::appendSigned(qint64 value)
-{
-    if (value < 0) {
-        put('-');
-        // Negating in unsigned arithmetic keeps the lowest value in range.
-        appendUnsigned(0 - quint64(value));
-    } else {
-        appendUnsigned(quint64(value));
-    }
+    std::memcpy(data.get(), text, length);
+    used = length;
 }
 
 void OutputBuffer::appendUnsignedPadded(quint64 value, int width)
 {
-    char digits[20];
-    char *end = digits + sizeof digits;
-    const char *begin = formatDecimal(value, end);
-    appendSpaces(width - int(end - begin));
-    append(begin, size_t(end - begin));
+    appendSpaces(width - decimalDigits(value));
+    appendUnsigned(value);
 }
 
 void OutputBuffer::appendSpaces(int count)
 {
-    for (; count > 0; --count)
-        put(' ');
+    while (count > 0) {
+        const size_t now = qMin(size_t(count), capacity);
+        reserve(now);
+        std::memset(data.get() + used, ' ', now);
+        used += now;
+        count -= int(now);
+    }
 }
 
 void OutputBuffer::appendHex(const quint8 *bytes, quint64 count, bool separator)
@@ -105,59 +108,71 @@ void OutputBuffer::appendBase64(const quint8 *bytes, quint64 count)
 
 void OutputBuffer::appendText(const QString &text, Escaping escaping)
 {
+    const bool *const special = escaping == Escaping::Json     ? Special.json
+                                : escaping == Escaping::Script ? Special.script
+                                                               : Special.plain;
     const auto *unit = reinterpret_cast<const char16_t *>(text.constData());
     const char16_t *const first = unit;
     const char16_t *const end = unit + text.size();
     while (unit != end) {
-        reserve(MaxUnitBytes);
+        // Room for a piece of the text at its longest, so that no unit needs a check of its
+        // own. A surrogate pair may take one unit past the piece, in 4 bytes for 2 units.
+        const size_t pieceUnits = qMin(size_t(end - unit), capacity / MaxUnitBytes);
+        reserve(pieceUnits * MaxUnitBytes);
         char *at = data.get() + used;
-        char32_t c = *unit++;
-        if (c < 0x80) {
-            const bool opensTag =
-                escaping == Escaping::Script && c == '<' && unit != end && *unit == '!';
-            if (c < 0x20 || (escaping == Escaping::Plain && c == 0x7F) || opensTag) {
-                if (escaping != Escaping::Plain) {
-                    std::memcpy(at, "\\u00", 4);
-                    at += 4;
-                } else {
-                    *at++ = '\\';
-                    *at++ = 'x';
-                }
-                *at++ = HexDigits[c >> 4];
-                *at++ = HexDigits[c & 0xF];
-            } else {
-                const bool closesTag = c == '/' && escaping == Escaping::Script &&
-                                       unit - 1 != first && unit[-2] == '<';
-                if ((escaping != Escaping::Plain && (c == '"' || c == '\\')) || closesTag)
-                    *at++ = '\\';
+        const char16_t *const pieceEnd = unit + pieceUnits;
+        while (unit < pieceEnd) {
+            char32_t c = *unit++;
+            if (c < 0x80 && !special[c]) {
                 *at++ = char(c);
+                continue;
             }
-            used = size_t(at - data.get());
-            continue;
+            if (c < 0x80) {
+                const bool opensTag =
+                    escaping == Escaping::Script && c == '<' && unit != end && *unit == '!';
+                if (c < 0x20 || (escaping == Escaping::Plain && c == 0x7F) || opensTag) {
+                    if (escaping != Escaping::Plain) {
+                        std::memcpy(at, "\\u00", 4);
+                        at += 4;
+                    } else {
+                        *at++ = '\\';
+                        *at++ = 'x';
+                    }
+                    *at++ = HexDigits[c >> 4];
+                    *at++ = HexDigits[c & 0xF];
+                } else {
+                    const bool closesTag = c == '/' && escaping == Escaping::Script &&
+                                           unit - 1 != first && unit[-2] == '<';
+                    if ((escaping != Escaping::Plain && (c == '"' || c == '\\')) || closesTag)
+                        *at++ = '\\';
+                    *at++ = char(c);
+                }
+                continue;
+            }
+            // Line and paragraph separators end a line in script text.
+            if (escaping == Escaping::Script && (c == 0x2028 || c == 0x2029)) {
+                std::memcpy(at, c == 0x2028 ? "\\u2028" : "\\u2029", 6);
+                at += 6;
+                continue;
+            }
+            if (c >= 0xD800 && c <= 0xDFFF) {
+                if (c <= 0xDBFF && unit != end && *unit >= 0xDC00 && *unit <= 0xDFFF)
+                    c = 0x10000 + ((c - 0xD800) << 10) + (*unit++ - 0xDC00);
+                else
+                    c = 0xFFFD;
+            }
+            if (c < 0x800) {
+                *at++ = char(0xC0 | (c >> 6));
+            } else if (c < 0x10000) {
+                *at++ = char(0xE0 | (c >> 12));
+                *at++ = char(0x80 | ((c >> 6) & 0x3F));
+            } else {
+                *at++ = char(0xF0 | (c >> 18));
+                *at++ = char(0x80 | ((c >> 12) & 0x3F));
+                *at++ = char(0x80 | ((c >> 6) & 0x3F));
+            }
+            *at++ = char(0x80 | (c & 0x3F));
         }
-        // Line and paragraph separators end a line in script text.
-        if (escaping == Escaping::Script && (c == 0x2028 || c == 0x2029)) {
-            std::memcpy(at, c == 0x2028 ? "\\u2028" : "\\u2029", 6);
-            used += 6;
-            continue;
-        }
-        if (c >= 0xD800 && c <= 0xDFFF) {
-            if (c <= 0xDBFF && unit != end && *unit >= 0xDC00 && *unit <= 0xDFFF)
-                c = 0x10000 + ((c - 0xD800) << 10) + (*unit++ - 0xDC00);
-            else
-                c = 0xFFFD;
-        }
-        if (c < 0x800) {
-            *at++ = char(0xC0 | (c >> 6));
-        } else if (c < 0x10000) {
-            *at++ = char(0xE0 | (c >> 12));
-            *at++ = char(0x80 | ((c >> 6) & 0x3F));
-        } else {
-            *at++ = char(0xF0 | (c >> 18));
-            *at++ = char(0x80 | ((c >> 12) & 0x3F));
-            *at++ = char(0x80 | ((c >> 6) & 0x3F));
-        }
-        *at++ = char(0x80 | (c & 0x3F));
         used = size_t(at - data.get());
     }
 }

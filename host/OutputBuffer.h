@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QtAlgorithms>
 
 #include <cstdio>
 #include <cstring>
@@ -31,10 +32,32 @@ public:
             drain();
         data[used++] = c;
     }
-    void append(const char *text, size_t length);
+    void append(const char *text, size_t length)
+    {
+        if (length <= capacity - used) {
+            std::memcpy(data.get() + used, text, length);
+            used += length;
+        } else {
+            appendLong(text, length);
+        }
+    }
     template <size_t N> void appendLiteral(const char (&text)[N]) { append(text, N - 1); }
-    void appendUnsigned(quint64 value);
-    void appendSigned(qint64 value);
+    void appendUnsigned(quint64 value)
+    {
+        reserve(MaxDigits);
+        used += formatDecimal(value, data.get() + used);
+    }
+    void appendSigned(qint64 value)
+    {
+        reserve(MaxDigits + 1);
+        if (value < 0) {
+            data[used++] = '-';
+            // Negating in unsigned arithmetic keeps the lowest value in range.
+            used += formatDecimal(0 - quint64(value), data.get() + used);
+        } else {
+            used += formatDecimal(quint64(value), data.get() + used);
+        }
+    }
     // The number right-aligned in a column of at least width characters.
     void appendUnsignedPadded(quint64 value, int width);
     void appendSpaces(int count);
@@ -46,18 +69,55 @@ public:
     // UTF-8 of the text. Lone surrogates become U+FFFD, so the output is always valid UTF-8.
     void appendText(const QString &text, Escaping escaping);
 
+    // The number of decimal digits of value.
+    static int decimalDigits(quint64 value)
+    {
+        // The bit length times log10(2) is the digit count or one more than it.
+        const int guess = ((64 - qCountLeadingZeroBits(value | 1)) * 1233) >> 12;
+        return guess + ((value | 1) >= decimal.powersOf10[guess] ? 1 : 0);
+    }
+
     // Writes out the buffer and flushes the stream.
     void flush();
     // Whether a write to the stream has failed.
     bool failed() const { return writeFailed || std::ferror(out) != 0; }
 
 private:
+    static constexpr size_t MaxDigits = 20;
+    // Powers of 10 up to 10^19, and the digit pairs 00 to 99.
+    struct DecimalTables {
+        constexpr DecimalTables();
+        quint64 powersOf10[MaxDigits];
+        char digitPairs[200];
+    };
+    static const DecimalTables decimal;
+
+    // Writes the decimal digits of value at `at`, two at a time from the last; returns
+    // their count.
+    static size_t formatDecimal(quint64 value, char *at)
+    {
+        const int count = decimalDigits(value);
+        char *end = at + count;
+        while (value >= 100) {
+            end -= 2;
+            std::memcpy(end, decimal.digitPairs + 2 * (value % 100), 2);
+            value /= 100;
+        }
+        if (value >= 10)
+            std::memcpy(end - 2, decimal.digitPairs + 2 * value, 2);
+        else
+            end[-1] = char('0' + value);
+        return size_t(count);
+    }
+
     // Makes room for count bytes.
     void reserve(size_t count)
     {
         if (capacity - used < count)
             drain();
     }
+    // Appends a text that does not fit into what is left of the buffer.
+    void appendLong(const char *text, size_t length);
     void drain();
 
     FILE *out;

@@ -11,14 +11,6 @@ constexpr int KeyWidth = 4;
 // Field lines start with the field's place, padded to this width so that names line up.
 constexpr int PlaceWidth = 14;
 
-int decimalDigits(quint64 value)
-{
-    int digits = 1;
-    for (; value >= 10; value /= 10)
-        ++digits;
-    return digits;
-}
-
 // Names of the codec numbers that the parsers store.
 const char *codecName(int codecId)
 {
@@ -199,8 +191,9 @@ void TextWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint
     out.appendUnsigned(size);
     if (bitField)
         out.put('b');
-    const int placeLength = 3 + decimalDigits(offset) + decimalDigits(size) +
-                            (bitField ? 2 + decimalDigits(bitOffset) : 0);
+    const int placeLength = 3 + OutputBuffer::decimalDigits(offset) +
+                            OutputBuffer::decimalDigits(size) +
+                            (bitField ? 2 + OutputBuffer::decimalDigits(bitOffset) : 0);
     out.appendSpaces(qMax(PlaceWidth - placeLength, 1));
     text(name);
     if (index != -1) {
@@ -235,7 +228,9 @@ void TextWriter::addRawField(quint64 offset, quint64 size, const quint8 *data, c
     out.appendUnsigned(offset);
     out.appendLiteral(" +");
     out.appendUnsigned(size);
-    out.appendSpaces(qMax(PlaceWidth - 3 - decimalDigits(offset) - decimalDigits(size), 1));
+    out.appendSpaces(qMax(PlaceWidth - 3 - OutputBuffer::decimalDigits(offset) -
+                              OutputBuffer::decimalDigits(size),
+                          1));
     text(name);
     if (data && size > 0) {
         out.appendLiteral(" = ");
