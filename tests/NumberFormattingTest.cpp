@@ -1,6 +1,7 @@
 // The fast paths of number and text output against the slow, obvious ones: the output
-// buffer's digits and escapes.
+// buffer's digits and escapes, and the table parsers' reused number text.
 #include "OutputBuffer.h"
+#include "Render.h"
 
 #include <gtest/gtest.h>
 
@@ -103,6 +104,29 @@ TEST(NumberFormatting, EscapesOfEveryKindAtEveryPlaceOfABufferPiece)
                 << "escaping " << int(escapingCase.escaping) << ", lead " << lead;
         }
     }
+}
+
+TEST(NumberFormatting, NumberTextHasTheDigitsOfQStringNumberInEveryBase)
+{
+    Render::NumberText number;
+    for (int base = 2; base <= 36; ++base) {
+        for (quint64 value : edgeNumbers()) {
+            EXPECT_EQ(number.render(value, base), QString::number(value, base))
+                << value << " in base " << base;
+        }
+    }
+}
+
+TEST(NumberFormatting, NumberTextLeavesCopiesOfEarlierNumbersAlone)
+{
+    Render::NumberText number;
+    const QString first = number.render(12345, 10);
+    const QString second = number.render(7, 10);
+    EXPECT_EQ(first, QStringLiteral("12345"));
+    EXPECT_EQ(second, QStringLiteral("7"));
+    EXPECT_EQ(number.render(4294967295ULL, 16), QStringLiteral("ffffffff"));
+    EXPECT_EQ(first, QStringLiteral("12345"));
+    EXPECT_EQ(second, QStringLiteral("7"));
 }
 
 } // namespace

@@ -24,6 +24,7 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
                  Render::u32(entryCount, valueBase), QString(), QString(), -1);
 
         QIODevice *device = recordingDevice(chunkOffsetTables);
+        Render::NumberText number;
         for (quint32 i = 0; i < entryCount; ++i) {
             const quint64 position = 4 + width * quint64(i);
             quint64 chunkOffset = 0;
@@ -39,7 +40,7 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
                 swapBytes(&chunkOffset, 8);
             }
             addField(false, offset + position, 0, width, QStringLiteral("chunk_offset"),
-                     Render::u64(chunkOffset, valueBase), QString(), QString(), i);
+                     number.render(chunkOffset, valueBase), QString(), QString(), i);
             if (device)
                 recordRecord(device, &chunkOffset, 8);
         }

@@ -41,11 +41,12 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
             device->write(reinterpret_cast<const char *>(&sampleSize), 4);
     } else {
         quint32 entrySize = 0;
+        Render::NumberText number;
         for (quint32 i = 0; i < sampleCount && reader.read(8 + 4 * quint64(i), &entrySize, 4);
              ++i) {
             swapBytes(&entrySize, 4);
             addField(false, offset + 8 + 4 * quint64(i), 0, 4, QStringLiteral("entry_size"),
-                     Render::u32(entrySize, valueBase), QString(), QString(), i);
+                     number.render(entrySize, valueBase), QString(), QString(), i);
             if (device)
                 recordRecord(device, &entrySize, 4);
         }

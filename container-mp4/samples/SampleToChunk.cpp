@@ -20,17 +20,18 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
             device->write(reinterpret_cast<const char *>(&entryCount), 4);
             device->seek(4);
         }
-        static const char *const names[3] = {"first_chunk", "samples_per_chunk",
-                                             "sample_description_index"};
+        const QString names[3] = {QStringLiteral("first_chunk"),
+                                  QStringLiteral("samples_per_chunk"),
+                                  QStringLiteral("sample_description_index")};
+        Render::NumberText number;
         quint32 entry[3];
         for (quint32 i = 0; i < entryCount && reader.read(4 + 12 * quint64(i), entry, 12); ++i) {
             const quint64 position = offset + 4 + 12 * quint64(i);
             beginElement(position, 12, QStringLiteral("entry"), i);
             for (int word = 0; word < 3; ++word) {
                 swapBytes(&entry[word], 4);
-                addField(false, position + 4 * quint64(word), 0, 4,
-                         QString::fromLatin1(names[word]), Render::u32(entry[word], valueBase),
-                         QString(), QString(), -1);
+                addField(false, position + 4 * quint64(word), 0, 4, names[word],
+                         number.render(entry[word], valueBase), QString(), QString(), -1);
             }
             endElement();
             if (device)

@@ -18,11 +18,12 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
         if (device)
             syncTableSeen.last() = true;
         quint32 sampleNumber = 0;
+        Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 4 * quint64(i), &sampleNumber, 4);
              ++i) {
             swapBytes(&sampleNumber, 4);
             addField(false, offset + 4 + 4 * quint64(i), 0, 4, QStringLiteral("sample_number"),
-                     Render::u32(sampleNumber, valueBase), QString(), QString(), i);
+                     number.render(sampleNumber, valueBase), QString(), QString(), i);
             if (device)
                 recordRecord(device, &sampleNumber, 4);
         }

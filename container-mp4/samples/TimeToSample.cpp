@@ -25,15 +25,16 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
         QIODevice *device = recordingDevice(timeToSampleTables);
         const quint64 wordLimit = quint64(qMax<qint64>(input.size(), 0));
         quint32 entry[2];
+        Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 8 * quint64(i), entry, 8); ++i) {
             const quint64 position = offset + 4 + 8 * quint64(i);
             beginElement(position, 8, QStringLiteral("entry"), i);
             swapBytes(&entry[0], 4);
             addField(false, position, 0, 4, QStringLiteral("sample_count"),
-                     Render::u32(entry[0], valueBase), QString(), QString(), -1);
+                     number.render(entry[0], valueBase), QString(), QString(), -1);
             swapBytes(&entry[1], 4);
             addField(false, position + 4, 0, 4, QStringLiteral("sample_delta"),
-                     Render::u32(entry[1], valueBase), QString(), QString(), -1);
+                     number.render(entry[1], valueBase), QString(), QString(), -1);
             endElement();
 
             if (!device)
