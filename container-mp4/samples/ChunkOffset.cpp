@@ -23,7 +23,7 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
         addField(false, offset, 0, 4, QStringLiteral("entry_count"),
                  Render::u32(entryCount, valueBase), QString(), QString(), -1);
 
-        QIODevice *device = recordingDevice(chunkOffsetTables);
+        TableRecorder recorder(recordingDevice(chunkOffsetTables));
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount; ++i) {
             const quint64 position = 4 + width * quint64(i);
@@ -41,8 +41,7 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
             }
             addField(false, offset + position, 0, width, QStringLiteral("chunk_offset"),
                      number.render(chunkOffset, valueBase), QString(), QString(), i);
-            if (device)
-                recordRecord(device, &chunkOffset, 8);
+            recorder.record(&chunkOffset, 8);
         }
     }
     input.seek(qint64(offset));

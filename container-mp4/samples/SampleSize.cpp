@@ -36,9 +36,9 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
             sampleCounts.last() = sampleCount;
     }
 
+    TableRecorder recorder(device);
     if (sampleSize != 0) {
-        if (device)
-            device->write(reinterpret_cast<const char *>(&sampleSize), 4);
+        recorder.record(&sampleSize, 4);
     } else {
         quint32 entrySize = 0;
         Render::NumberText number;
@@ -47,8 +47,7 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
             swapBytes(&entrySize, 4);
             addField(false, offset + 8 + 4 * quint64(i), 0, 4, QStringLiteral("entry_size"),
                      number.render(entrySize, valueBase), QString(), QString(), i);
-            if (device)
-                recordRecord(device, &entrySize, 4);
+            recorder.record(&entrySize, 4);
         }
     }
     input.seek(qint64(offset));

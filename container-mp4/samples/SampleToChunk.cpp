@@ -20,6 +20,7 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
             device->write(reinterpret_cast<const char *>(&entryCount), 4);
             device->seek(4);
         }
+        TableRecorder recorder(device);
         const QString names[3] = {QStringLiteral("first_chunk"),
                                   QStringLiteral("samples_per_chunk"),
                                   QStringLiteral("sample_description_index")};
@@ -34,8 +35,7 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
                          number.render(entry[word], valueBase), QString(), QString(), -1);
             }
             endElement();
-            if (device)
-                recordRecord(device, entry, 12);
+            recorder.record(entry, 12);
         }
     }
     input.seek(qint64(offset));

@@ -17,6 +17,7 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
         QIODevice *device = recordingDevice(syncSampleTables);
         if (device)
             syncTableSeen.last() = true;
+        TableRecorder recorder(device);
         quint32 sampleNumber = 0;
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 4 * quint64(i), &sampleNumber, 4);
@@ -24,8 +25,7 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
             swapBytes(&sampleNumber, 4);
             addField(false, offset + 4 + 4 * quint64(i), 0, 4, QStringLiteral("sample_number"),
                      number.render(sampleNumber, valueBase), QString(), QString(), i);
-            if (device)
-                recordRecord(device, &sampleNumber, 4);
+            recorder.record(&sampleNumber, 4);
         }
     }
     input.seek(qint64(offset));

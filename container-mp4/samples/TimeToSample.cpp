@@ -2,13 +2,6 @@
 #include "Render.h"
 #include "TableReading.h"
 
-#include <algorithm>
-
-namespace {
-// Words of an expanded run written with one device call.
-constexpr quint64 RunBlockWords = 1024;
-} // namespace
-
 // stts: runs of samples of equal duration. A video track records one delta word per sample,
 // so that the sample walk reads each sample's duration without run logic. All tracks
 // together record at most one word per input byte; a run beyond that is cut, and the walk
@@ -23,6 +16,7 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
                  Render::u32(entryCount, valueBase), QString(), QString(), -1);
 
         QIODevice *device = recordingDevice(timeToSampleTables);
+        TableRecorder recorder(device);
         const quint64 wordLimit = quint64(qMax<qint64>(input.size(), 0));
         quint32 entry[2];
         Render::NumberText number;
@@ -41,15 +35,9 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
                 continue;
             const quint64 allowed =
                 timeToSampleWords < wordLimit ? wordLimit - timeToSampleWords : 0;
-            quint64 words = qMin<quint64>(entry[0], allowed);
+            const quint64 words = qMin<quint64>(entry[0], allowed);
             timeToSampleWords += words;
-            quint32 block[RunBlockWords];
-            std::fill_n(block, qMin(words, RunBlockWords), entry[1]);
-            while (words > 0) {
-                const quint64 now = qMin(words, RunBlockWords);
-                recordRecord(device, block, qint64(4 * now));
-                words -= now;
-            }
+            recorder.recordWords(entry[1], words);
         }
     }
     input.seek(qint64(offset));
