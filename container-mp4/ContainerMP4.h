@@ -11,6 +11,8 @@
 
 #define SARVELINTH_MP4_EXPORT Q_DECL_EXPORT
 
+class TableReader;
+
 // Parser of the ISO base media file format (mp4, f4v and relatives).
 class SARVELINTH_MP4_EXPORT ContainerMP4 : public ContainerAbstract {
 public:
@@ -103,6 +105,10 @@ private:
     void endTrack(int stream);
     // The buffer the current track records a table into, or null when nothing is recorded.
     QIODevice *recordingDevice(QVector<QIODevice *> &tables);
+    // Reads the 4-byte word at position of a table's payload and reports it as the field
+    // name; false, with nothing reported, when the payload or the input ends before it.
+    bool reportTableWord(TableReader &reader, quint64 offset, quint64 position, const char *name,
+                         quint32 *word);
     // Chunk offsets of stco (4-byte entries) and co64 (8-byte entries).
     int parseChunkOffsets(quint64 offset, quint64 size, quint64 width);
     // Walks the samples of one stream; spends the sample budget shared by all streams.

@@ -9,20 +9,11 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
 {
     TableReader reader(input, offset, size);
     quint32 sampleSize = 0;
-    if (!reader.read(0, &sampleSize, 4)) {
+    if (!reportTableWord(reader, offset, 0, "sample_size", &sampleSize) ||
+        !reportTableWord(reader, offset, 4, "sample_count", &sampleCount)) {
         input.seek(qint64(offset));
         return ParseOk;
     }
-    swapBytes(&sampleSize, 4);
-    addField(false, offset, 0, 4, QStringLiteral("sample_size"), Render::u32(sampleSize, valueBase),
-             QString(), QString(), -1);
-    if (!reader.read(4, &sampleCount, 4)) {
-        input.seek(qint64(offset));
-        return ParseOk;
-    }
-    swapBytes(&sampleCount, 4);
-    addField(false, offset + 4, 0, 4, QStringLiteral("sample_count"),
-             Render::u32(sampleCount, valueBase), QString(), QString(), -1);
 
     QIODevice *device = recordingDevice(sampleSizeTables);
     if (currentTrackType == 0) {

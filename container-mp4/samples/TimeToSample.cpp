@@ -10,10 +10,7 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
 {
     TableReader reader(input, offset, size);
     quint32 entryCount = 0;
-    if (reader.read(0, &entryCount, 4)) {
-        swapBytes(&entryCount, 4);
-        addField(false, offset, 0, 4, QStringLiteral("entry_count"),
-                 Render::u32(entryCount, valueBase), QString(), QString(), -1);
+    if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
         QIODevice *device = recordingDevice(timeToSampleTables);
         TableRecorder recorder(device);

@@ -1,4 +1,6 @@
 #include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
 
 #include <QBuffer>
 
@@ -33,4 +35,15 @@ QIODevice *ContainerMP4::recordingDevice(QVector<QIODevice *> &tables)
         tables.last() = buffer;
     }
     return tables.last();
+}
+
+bool ContainerMP4::reportTableWord(TableReader &reader, quint64 offset, quint64 position,
+                                   const char *name, quint32 *word)
+{
+    if (!reader.read(position, word, 4))
+        return false;
+    swapBytes(word, 4);
+    addField(false, offset + position, 0, 4, QString::fromLatin1(name),
+             Render::u32(*word, valueBase), QString(), QString(), -1);
+    return true;
 }
