@@ -3,15 +3,12 @@
 #include "CheckingSink.h"
 #include "Support.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QStringList>
 
 #include <cstring>
 
-// What a parse under the checking sink came to: counts of the report and the first flaw
-// in its shape. Plain data, so that it can cross a pipe from a child process.
+// What a parse under the checking sink came to. Plain data, so that it can cross a pipe
+// from a child process.
 struct CheckedRun {
     quint64 elements = 0;
     quint64 fields = 0;
@@ -29,10 +26,7 @@ struct CheckedRun {
 inline CheckedRun parseChecked(const QByteArray &input, ReportSink *next = nullptr)
 {
     CheckingSink sink(CheckingSink::Record, next);
-    {
-        TestParser parser;
-        parser.parseBytes(QStringLiteral("test.mp4"), input, sink);
-    }
+    TestParser().parseBytes(QStringLiteral("test.mp4"), input, sink);
     CheckedRun run;
     run.elements = sink.elements;
     run.fields = sink.fields;
@@ -47,23 +41,4 @@ inline QByteArray readWholeFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// The real MP4 files of the repository up to maxSize bytes: the shipped sample and
-// whatever tests/data holds at test time.
-inline QStringList smallRealFiles(qint64 maxSize)
-{
-    QStringList files;
-    const QString root = QStringLiteral(SARVELINTH_SOURCE_DIR);
-    files << root + QStringLiteral("/samples/sample.mp4");
-    const QDir data(root + QStringLiteral("/tests/data"));
-    for (const QString &name : data.entryList({QStringLiteral("*.mp4")}, QDir::Files, QDir::Name))
-        files << data.filePath(name);
-    QStringList small;
-    for (const QString &file : files) {
-        const QFileInfo info(file);
-        if (info.exists() && info.size() <= maxSize)
-            small << file;
-    }
-    return small;
 }

@@ -4,26 +4,47 @@
 
 #include "Checked.h"
 
+#include <QDir>
+#include <QFileInfo>
+
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
 #include <set>
 #include <vector>
 
 namespace {
-// Files up to this size are swept; every cut of a larger one would take too long.
-constexpr qint64 MaxSweptFile = 256 * 1024;
 
 struct Whole {
+    QString path;
     QByteArray bytes;
     ReportTree report;
     CheckedRun run;
 };
 
-void parseWhole(const QString &path, Whole &whole)
+// The real MP4 files of the repository up to 256 KiB (every cut of a larger one would take
+// too long), each with its report.
+std::vector<std::unique_ptr<Whole>> smallRealFiles()
 {
-    whole.bytes = readWholeFile(path);
-    whole.run = parseChecked(whole.bytes, &whole.report);
+    const QString root = QStringLiteral(SARVELINTH_SOURCE_DIR);
+    QStringList paths = {root + QStringLiteral("/samples/sample.mp4")};
+    const QDir data(root + QStringLiteral("/tests/data"));
+    for (const QString &name : data.entryList({QStringLiteral("*.mp4")}, QDir::Files, QDir::Name))
+        paths << data.filePath(name);
+    std::vector<std::unique_ptr<Whole>> files;
+    for (const QString &path : paths) {
+        if (QFileInfo(path).size() > 256 * 1024)
+            continue;
+        auto whole = std::make_unique<Whole>();
+        whole->path = path;
+        whole->bytes = readWholeFile(path);
+        whole->run = parseChecked(whole->bytes, &whole->report);
+        EXPECT_TRUE(whole->run.sound()) << path.toStdString() << ": " << whole->run.problem;
+        files.push_back(std::move(whole));
+    }
+    EXPECT_FALSE(files.empty()) << "no real test file to sweep";
+    return files;
 }
 
 // Every length up to 1 KiB, 257 lengths spread over the whole file, and every boundary of
@@ -55,35 +76,17 @@ std::set<int> cutLengths(const Whole &whole)
     return cuts;
 }
 
-class SweptFiles : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        files = smallRealFiles(MaxSweptFile);
-        ASSERT_FALSE(files.isEmpty()) << "no real test file to sweep";
-    }
-    QStringList files;
-};
-
-TEST_F(SweptFiles, EveryCutKeepsTheWholeBoxesBeforeIt)
+TEST(SweptFiles, EveryCutKeepsTheWholeBoxesBeforeIt)
 {
-    for (const QString &path : files) {
-        SCOPED_TRACE(path.toStdString());
-        Whole whole;
-        parseWhole(path, whole);
-        ASSERT_TRUE(whole.run.sound()) << whole.run.problem;
-        const auto &tops = whole.report.root.children;
-        std::vector<QString> topDumps;
-        for (const auto &top : tops)
-            topDumps.push_back(dump(*top));
-
-        for (const int cut : cutLengths(whole)) {
+    for (const auto &whole : smallRealFiles()) {
+        SCOPED_TRACE(whole->path.toStdString());
+        const auto &tops = whole->report.root.children;
+        for (const int cut : cutLengths(*whole)) {
             SCOPED_TRACE("cut at " + std::to_string(cut));
-            const QByteArray input = whole.bytes.left(cut);
             ReportTree report;
-            const CheckedRun run = parseChecked(input, &report);
+            const CheckedRun run = parseChecked(whole->bytes.left(cut), &report);
             ASSERT_TRUE(run.sound()) << run.problem;
-            ASSERT_LE(run.nodes(), whole.run.nodes() + 64);
+            ASSERT_LE(run.nodes(), whole->run.nodes() + 64);
 
             // One top-level element for every box that starts before the cut, at the same
             // place; those that end before it exactly as in the whole file.
@@ -92,11 +95,10 @@ TEST_F(SweptFiles, EveryCutKeepsTheWholeBoxesBeforeIt)
                 ++started;
             ASSERT_EQ(report.root.children.size(), started);
             for (size_t i = 0; i < started; ++i) {
-                const auto &top = *tops[i];
-                EXPECT_EQ(report.root.children[i]->offset, top.offset) << i;
-                if (top.offset + top.size <= quint64(cut)) {
+                EXPECT_EQ(report.root.children[i]->offset, tops[i]->offset) << i;
+                if (tops[i]->offset + tops[i]->size <= quint64(cut)) {
                     EXPECT_EQ(dump(*report.root.children[i]).toStdString(),
-                              topDumps[i].toStdString());
+                              dump(*tops[i]).toStdString());
                 }
             }
         }
@@ -104,14 +106,12 @@ TEST_F(SweptFiles, EveryCutKeepsTheWholeBoxesBeforeIt)
 }
 
 // Where damage hurts most: the size and type of every box, and every count and size field
-// of every payload, as the whole file's report locates them.
-std::vector<QPair<int, int>> mutationTargets(const ReportTree::Node &node)
+// of every payload, as the whole file's report locates them: offset and width.
+void collectMutationTargets(const ReportTree::Node &node, std::vector<QPair<int, int>> &targets)
 {
-    std::vector<QPair<int, int>> targets; // offset and width
     for (const auto &child : node.children) {
         if (child->kind == ReportTree::Node::Element) {
-            const auto nested = mutationTargets(*child);
-            targets.insert(targets.end(), nested.begin(), nested.end());
+            collectMutationTargets(*child, targets);
         } else if (child->kind == ReportTree::Node::Field && !child->bitField &&
                    (child->size == 4 || child->size == 8) &&
                    (child->name == "type" || child->name.endsWith("size") ||
@@ -119,52 +119,41 @@ std::vector<QPair<int, int>> mutationTargets(const ReportTree::Node &node)
             targets.push_back({int(child->offset), int(child->size)});
         }
     }
-    return targets;
 }
 
-TEST_F(SweptFiles, DamagedHeadersAndCountsGiveBoundedBalancedReports)
+TEST(SweptFiles, DamagedHeadersAndCountsGiveBoundedBalancedReports)
 {
-    for (int fileIndex = 0; fileIndex < files.size(); ++fileIndex) {
-        const QString &path = files[fileIndex];
-        SCOPED_TRACE(path.toStdString());
-        Whole whole;
-        parseWhole(path, whole);
-        ASSERT_TRUE(whole.run.sound()) << whole.run.problem;
-        const auto targets = mutationTargets(whole.report.root);
+    const quint32 specials[] = {0, 1, 7, 8, 16, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF8, 0xFFFFFFFF};
+    unsigned seed = 20261123u;
+    for (const auto &whole : smallRealFiles()) {
+        SCOPED_TRACE(whole->path.toStdString());
+        std::vector<QPair<int, int>> targets;
+        collectMutationTargets(whole->report.root, targets);
         ASSERT_FALSE(targets.empty());
-        const quint64 size = quint64(whole.bytes.size());
+        const quint64 size = quint64(whole->bytes.size());
         // A damaged file may walk its bytes up to 64 times over, but no count may take the
         // report beyond the bytes that back it.
-        const quint64 limit = 65 * whole.run.nodes() + 16 * size;
+        const quint64 limit = 65 * whole->run.nodes() + 16 * size;
 
-        std::mt19937 random(20261123u + unsigned(fileIndex));
-        const quint32 specials[] = {0, 1, 7, 8, 16, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF8, 0xFFFFFFFF};
+        std::mt19937 random(seed++);
         for (int round = 0; round < 400; ++round) {
-            QByteArray input = whole.bytes;
-            const int damages = 1 + int(random() % 3);
+            QByteArray input = whole->bytes;
             std::string what;
-            for (int d = 0; d < damages; ++d) {
+            for (int damages = 1 + int(random() % 3); damages > 0; --damages) {
                 const auto [offset, width] = targets[random() % targets.size()];
-                switch (random() % 3) {
-                case 0: { // one byte of the field
+                const unsigned kind = random() % 3;
+                if (kind == 0) { // one byte of the field
                     const int at = offset + int(random() % unsigned(width));
                     input[at] = char(random());
                     what += " byte@" + std::to_string(at);
-                    break;
-                }
-                case 1: { // the low word of the field to a value that sizes and counts meet
+                } else if (kind == 1) { // the low word to a value that sizes and counts meet
                     const quint32 value = specials[random() % std::size(specials)];
-                    const QByteArray word = bytes::u32(value);
-                    input.replace(offset + width - 4, 4, word);
+                    input.replace(offset + width - 4, 4, bytes::u32(value));
                     what +=
                         " word@" + std::to_string(offset + width - 4) + "=" + std::to_string(value);
-                    break;
-                }
-                default: { // a whole 64-bit field, or the high word of a 32-bit one, to all ones
+                } else { // a whole 64-bit field, or the high word of a 32-bit one, to all ones
                     input.replace(offset, width, QByteArray(width, char(0xFF)));
                     what += " ones@" + std::to_string(offset);
-                    break;
-                }
                 }
             }
             const CheckedRun run = parseChecked(input);
