@@ -1,19 +1,18 @@
-// The sample walk: the samples each video stream reports from its recorded tables, for
-// crafted tables and for real files made with FFmpeg, checked against ffprobe.
+// The sample walk: the samples each video stream reports from its recorded tables, for crafted
+// tables and for real files made with FFmpeg, checked against ffprobe.
 
 #include "TrackSupport.h"
 
-#include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
-
-#include <optional>
-#include <vector>
 
 using namespace bytes;
 using namespace tracks;
@@ -22,7 +21,7 @@ namespace {
 constexpr quint32 MaxCount = 0xFFFFFFFF;
 
 // One line per sample: index offset size dts pts duration keyFrame.
-std::string samplesText(const ReportTree::Stream &stream)
+QString samplesText(const ReportTree::Stream &stream)
 {
     QString text;
     for (int i = 0; i < stream.samples.size(); ++i) {
@@ -36,145 +35,88 @@ std::string samplesText(const ReportTree::Stream &stream)
                     .arg(s.duration)
                     .arg(s.keyFrame);
     }
-    return text.toStdString();
+    return text;
 }
 
-std::string videoSamples(const QByteArray &tables)
+QString videoSamples(const QByteArray &tables)
 {
     const ReportTree report = parseReport(videoMovie(tables));
     if (report.streams.size() != 1)
-        return "streams: " + std::to_string(report.streams.size());
+        return QStringLiteral("streams: %1\n").arg(report.streams.size());
     return samplesText(report.streams[0]);
 }
 
 TEST(SampleWalk, WorkedExampleOfTwoChunksAndThreeSamples)
 {
-    const QByteArray tables =
-        cat({stts({{2, 5}, {1, 7}}), stss({1, 3}), stsc({{1, 2, 1}, {2, 1, 1}}), stsz({10, 20, 30}),
-             stco({400, 900})});
-    EXPECT_EQ(videoSamples(tables), "0 400 10 0 0 5 1\n"
-                                    "1 410 20 5 5 5 0\n"
-                                    "2 900 30 10 10 7 1\n");
+    EXPECT_EQ(videoSamples(cat({stts({{2, 5}, {1, 7}}), stss({1, 3}), stsc({{1, 2, 1}, {2, 1, 1}}),
+                                stsz({10, 20, 30}), stco({400, 900})})),
+              "0 400 10 0 0 5 1\n"
+              "1 410 20 5 5 5 0\n"
+              "2 900 30 10 10 7 1\n");
 }
 
-struct WalkCase {
-    const char *name;
-    QByteArray tables;
-    const char *expected;
-};
-
-std::string caseName(const ::testing::TestParamInfo<WalkCase> &info)
+// The samples of each case under its name in tests/golden/SampleWalk/crafted-tables.txt.
+TEST(SampleWalk, CraftedTables)
 {
-    return info.param.name;
-}
-
-class Walks : public ::testing::TestWithParam<WalkCase> {};
-
-TEST_P(Walks, ReportTheSamplesOfTheTables)
-{
-    EXPECT_EQ(videoSamples(GetParam().tables), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Tables, Walks,
-    ::testing::Values(
+    const std::pair<const char *, QByteArray> cases[] = {
         // Chunks and sample-to-chunk records.
-        WalkCase{"FirstRecordHoldsFromChunkOneWhateverItsFirstChunk",
-                 cat({stsc({{3, 2, 1}}), stco({100, 200}), stsz({1, 2, 3, 4}), stts({{4, 10}})}),
-                 "0 100 1 0 0 10 1\n"
-                 "1 101 2 10 10 10 1\n"
-                 "2 200 3 20 20 10 1\n"
-                 "3 203 4 30 30 10 1\n"},
-        WalkCase{"MiddleChunkWithoutSamplesUsesUpItsOffset",
-                 cat({stsc({{1, 1, 1}, {2, 0, 1}, {3, 1, 1}}), stco({100, 200, 300}), stsz({5, 6}),
-                      stts({{2, 1}}), stss({1})}),
-                 "0 100 5 0 0 1 1\n"
-                 "1 300 6 1 1 1 0\n"},
-        WalkCase{"RecordBehindItsChunkIsNeverTakenUp",
-                 cat({stsc({{1, 1, 1}, {1, 3, 1}, {3, 2, 1}}), stco({100, 200, 300, 400}),
-                      stszConstant(1, 4)}),
-                 "0 100 1 0 0 0 1\n"
-                 "1 200 1 0 0 0 1\n"
-                 "2 300 1 0 0 0 1\n"
-                 "3 400 1 0 0 0 1\n"},
-        WalkCase{"Co64OffsetsAbove32Bits",
-                 cat({stsc({{1, 1, 1}}), co64({0x100000000, 0x200000000}), stsz({1, 2})}),
-                 "0 4294967296 1 0 0 0 1\n"
-                 "1 8589934592 2 0 0 0 1\n"},
-        WalkCase{"StcoAndCo64ChunksInBoxOrder",
-                 cat({stsc({{1, 1, 1}}), stco({100}), co64({0x100000000}), stsz({1, 2})}),
-                 "0 100 1 0 0 0 1\n"
-                 "1 4294967296 2 0 0 0 1\n"},
+        {"first record holds from chunk one whatever its first chunk",
+         cat({stsc({{3, 2, 1}}), stco({100, 200}), stsz({1, 2, 3, 4}), stts({{4, 10}})})},
+        {"middle chunk without samples uses up its offset",
+         cat({stsc({{1, 1, 1}, {2, 0, 1}, {3, 1, 1}}), stco({100, 200, 300}), stsz({5, 6}),
+              stts({{2, 1}}), stss({1})})},
+        {"record behind its chunk is never taken up",
+         cat({stsc({{1, 1, 1}, {1, 3, 1}, {3, 2, 1}}), stco({100, 200, 300, 400}),
+              stszConstant(1, 4)})},
+        {"co64 offsets above 32 bits",
+         cat({stsc({{1, 1, 1}}), co64({0x100000000, 0x200000000}), stsz({1, 2})})},
+        {"stco and co64 chunks in box order",
+         cat({stsc({{1, 1, 1}}), stco({100}), co64({0x100000000}), stsz({1, 2})})},
         // Sizes.
-        WalkCase{"ConstantSizeAdvancesEveryOffsetByIt",
-                 cat({stszConstant(100, 3), stsc({{1, 3, 1}}), stco({1000}), stts({{3, 2}})}),
-                 "0 1000 100 0 0 2 1\n"
-                 "1 1100 100 2 2 2 1\n"
-                 "2 1200 100 4 4 2 1\n"},
-        WalkCase{"OneSampleOfItsOwnSizeReadsLikeAConstantSize",
-                 cat({stsz({77}), stsc({{1, 1, 1}}), stco({50}), stts({{1, 3}})}),
-                 "0 50 77 0 0 3 1\n"},
-        WalkCase{"ShortSizeTableKeepsTheLastSize",
-                 cat({fullBox("stsz", 0, 0, words32({0, 3, 4, 6})), stsc({{1, 3, 1}}), stco({10})}),
-                 "0 10 4 0 0 0 1\n"
-                 "1 14 6 0 0 0 1\n"
-                 "2 20 6 0 0 0 1\n"},
+        {"constant size advances every offset by it",
+         cat({stszConstant(100, 3), stsc({{1, 3, 1}}), stco({1000}), stts({{3, 2}})})},
+        {"one sample of its own size reads like a constant size",
+         cat({stsz({77}), stsc({{1, 1, 1}}), stco({50}), stts({{1, 3}})})},
+        {"short size table keeps the last size",
+         cat({fullBox("stsz", 0, 0, words32({0, 3, 4, 6})), stsc({{1, 3, 1}}), stco({10})})},
         // Times.
-        WalkCase{"NoTimeToSampleTableGivesZeroTimes",
-                 cat({stsz({1, 2}), stsc({{1, 2, 1}}), stco({10})}),
-                 "0 10 1 0 0 0 1\n"
-                 "1 11 2 0 0 0 1\n"},
-        WalkCase{"ShortTimeToSampleTableKeepsTheLastDelta",
-                 cat({stsz({1, 1, 1}), stsc({{1, 3, 1}}), stco({10}), stts({{1, 5}})}),
-                 "0 10 1 0 0 5 1\n"
-                 "1 11 1 5 5 5 1\n"
-                 "2 12 1 10 10 5 1\n"},
-        WalkCase{"TimesWrapAt32Bits",
-                 cat({stszConstant(1, 3), stsc({{1, 3, 1}}), stco({10}), stts({{3, 0x80000000}})}),
-                 "0 10 1 0 0 2147483648 1\n"
-                 "1 11 1 2147483648 2147483648 2147483648 1\n"
-                 "2 12 1 0 0 2147483648 1\n"},
+        {"no time-to-sample table gives zero times",
+         cat({stsz({1, 2}), stsc({{1, 2, 1}}), stco({10})})},
+        {"short time-to-sample table keeps the last delta",
+         cat({stsz({1, 1, 1}), stsc({{1, 3, 1}}), stco({10}), stts({{1, 5}})})},
+        {"times wrap at 32 bits",
+         cat({stszConstant(1, 3), stsc({{1, 3, 1}}), stco({10}), stts({{3, 0x80000000}})})},
         // Key frames.
-        WalkCase{"EmptySyncTableFlagsNoSample",
-                 cat({stszConstant(1, 2), stsc({{1, 2, 1}}), stco({10}), stss({})}),
-                 "0 10 1 0 0 0 0\n"
-                 "1 11 1 0 0 0 0\n"},
-        WalkCase{"SyncNumberZeroFlagsNoSample",
-                 cat({stszConstant(1, 2), stsc({{1, 2, 1}}), stco({10}), stss({0, 2})}),
-                 "0 10 1 0 0 0 0\n"
-                 "1 11 1 0 0 0 0\n"},
-        WalkCase{"SyncNumberNotAboveTheLastEndsTheFlags",
-                 cat({stszConstant(1, 4), stsc({{1, 4, 1}}), stco({10}), stss({2, 2, 3})}),
-                 "0 10 1 0 0 0 0\n"
-                 "1 11 1 0 0 0 1\n"
-                 "2 12 1 0 0 0 0\n"
-                 "3 13 1 0 0 0 0\n"},
+        {"empty sync table flags no sample",
+         cat({stszConstant(1, 2), stsc({{1, 2, 1}}), stco({10}), stss({})})},
+        {"sync number zero flags no sample",
+         cat({stszConstant(1, 2), stsc({{1, 2, 1}}), stco({10}), stss({0, 2})})},
+        {"sync number not above the last ends the flags",
+         cat({stszConstant(1, 4), stsc({{1, 4, 1}}), stco({10}), stss({2, 2, 3})})},
         // Ends of a stream.
-        WalkCase{"ChunkPassingTheCountIsCutAtIt",
-                 cat({stsz({1, 2, 3}), stsc({{1, 2, 1}}), stco({100, 200})}),
-                 "0 100 1 0 0 0 1\n"
-                 "1 101 2 0 0 0 1\n"
-                 "2 200 3 0 0 0 1\n"},
-        WalkCase{"CountZeroWithEmptyChunksEndsAtOnce",
-                 cat({stsz({}), stsc({{1, 0, 1}}), stco({100})}), ""},
-        WalkCase{"CountZeroReportsNoSampleOfAFullChunk",
-                 cat({stsz({}), stsc({{1, 2, 1}}), stco({100})}), ""},
-        WalkCase{"UsedUpChunkOffsetsEndTheStream",
-                 cat({stszConstant(5, 10), stsc({{1, 2, 1}}), stco({100})}),
-                 "0 100 5 0 0 0 1\n"
-                 "1 105 5 0 0 0 1\n"},
-        WalkCase{"NoChunkCanHoldASampleAnyMore",
-                 cat({stszConstant(5, 10), stsc({{1, 1, 1}, {2, 0, 1}}), stco({100, 200, 300})}),
-                 "0 100 5 0 0 0 1\n"},
+        {"chunk passing the count is cut at it",
+         cat({stsz({1, 2, 3}), stsc({{1, 2, 1}}), stco({100, 200})})},
+        {"count zero with empty chunks ends at once",
+         cat({stsz({}), stsc({{1, 0, 1}}), stco({100})})},
+        {"count zero reports no sample of a full chunk",
+         cat({stsz({}), stsc({{1, 2, 1}}), stco({100})})},
+        {"used-up chunk offsets end the stream",
+         cat({stszConstant(5, 10), stsc({{1, 2, 1}}), stco({100})})},
+        {"no chunk can hold a sample any more",
+         cat({stszConstant(5, 10), stsc({{1, 1, 1}, {2, 0, 1}}), stco({100, 200, 300})})},
         // Missing tables.
-        WalkCase{"NoSampleToChunkTable", cat({stszConstant(5, 2), stco({100})}), ""},
-        WalkCase{"EmptySampleToChunkTable", cat({stszConstant(5, 2), stsc({}), stco({100})}), ""},
-        WalkCase{"NoChunkOffsetTable", cat({stszConstant(5, 2), stsc({{1, 2, 1}})}), ""},
-        WalkCase{"NoSampleSizeTable", cat({stsc({{1, 2, 1}}), stco({100})}), ""},
-        WalkCase{"SizeTableWithoutItsSizes",
-                 cat({fullBox("stsz", 0, 0, words32({0, 2})), stsc({{1, 2, 1}}), stco({100})}),
-                 ""}),
-    caseName);
+        {"no sample-to-chunk table", cat({stszConstant(5, 2), stco({100})})},
+        {"empty sample-to-chunk table", cat({stszConstant(5, 2), stsc({}), stco({100})})},
+        {"no chunk offset table", cat({stszConstant(5, 2), stsc({{1, 2, 1}})})},
+        {"no sample size table", cat({stsc({{1, 2, 1}}), stco({100})})},
+        {"size table without its sizes",
+         cat({fullBox("stsz", 0, 0, words32({0, 2})), stsc({{1, 2, 1}}), stco({100})})},
+    };
+    QString all;
+    for (const auto &[name, tables] : cases)
+        all += QStringLiteral("== ") + QLatin1String(name) + '\n' + videoSamples(tables);
+    expectGolden(QStringLiteral("SampleWalk/crafted-tables"), all);
+}
 
 TEST(SampleWalk, StreamsKeepTheirIndexAndCountTheirSamplesFromZero)
 {
@@ -209,48 +151,7 @@ TEST(SampleWalk, EmptyTrackOpensAStreamWithoutSamples)
     EXPECT_TRUE(report.streams[0].samples.isEmpty());
 }
 
-// Real files: the video samples against ffprobe's packets.
-
-struct Packet {
-    qint64 dts = 0;
-    quint64 size = 0;
-    quint64 pos = 0;
-    bool key = false;
-};
-
-// ffprobe's video packets of a file, or nothing when ffprobe cannot be run.
-std::optional<std::vector<Packet>> probeVideoPackets(const QString &path)
-{
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"),
-                {"-v", "error", "-select_streams", "v", "-show_packets", "-show_entries",
-                 "packet=pos,size,flags,dts", "-of", "csv=nokey=0", path});
-    if (!probe.waitForFinished(30000) || probe.exitCode() != 0)
-        return std::nullopt;
-    std::vector<Packet> packets;
-    for (const QByteArray &line : probe.readAllStandardOutput().split('\n')) {
-        if (!line.startsWith("packet,"))
-            continue;
-        Packet packet;
-        for (const QByteArray &pair : line.split(',')) {
-            const int equals = pair.indexOf('=');
-            const QByteArray key = pair.left(equals);
-            const QByteArray value = pair.mid(equals + 1);
-            if (key == "dts")
-                packet.dts = value.toLongLong();
-            else if (key == "size")
-                packet.size = value.toULongLong();
-            else if (key == "pos")
-                packet.pos = value.toULongLong();
-            else if (key == "flags")
-                packet.key = value.startsWith('K');
-        }
-        packets.push_back(packet);
-    }
-    return packets;
-}
-
-// The one stream of a report that has samples.
+// Real files: the samples of the one stream that has any, against ffprobe's video packets.
 const ReportTree::Stream *videoStream(const ReportTree &report)
 {
     const ReportTree::Stream *found = nullptr;
@@ -266,33 +167,36 @@ const ReportTree::Stream *videoStream(const ReportTree &report)
 
 void expectSamplesOfFfprobe(const QString &path, const ReportTree::Stream &stream)
 {
-    const std::optional<std::vector<Packet>> packets = probeVideoPackets(path);
-    ASSERT_TRUE(packets.has_value()) << "ffprobe failed on " << path.toStdString();
-    ASSERT_EQ(size_t(stream.samples.size()), packets->size());
-    for (size_t i = 0; i < packets->size(); ++i) {
-        const Sample &sample = stream.samples[int(i)];
-        const Packet &packet = (*packets)[i];
-        EXPECT_EQ(sample.offset, packet.pos) << "sample " << i;
-        EXPECT_EQ(sample.size, packet.size) << "sample " << i;
-        EXPECT_EQ(sample.keyFrame == 1, packet.key) << "sample " << i;
+    QProcess probe;
+    probe.start(QStringLiteral("ffprobe"), {"-v", "error", "-select_streams", "v", "-show_entries",
+                                            "packet=pos,size,flags,dts", "-of", "json", path});
+    ASSERT_TRUE(probe.waitForFinished(30000) && probe.exitCode() == 0) << path.toStdString();
+    const QJsonArray packets =
+        QJsonDocument::fromJson(probe.readAllStandardOutput()).object().value("packets").toArray();
+    ASSERT_EQ(stream.samples.size(), packets.size());
+    for (int i = 0; i < packets.size(); ++i) {
+        const Sample &sample = stream.samples[i];
+        const QJsonObject packet = packets[i].toObject();
+        EXPECT_EQ(sample.offset, packet.value("pos").toString().toULongLong()) << "sample " << i;
+        EXPECT_EQ(sample.size, packet.value("size").toString().toULongLong()) << "sample " << i;
+        EXPECT_EQ(sample.keyFrame == 1, packet.value("flags").toString().startsWith('K'))
+            << "sample " << i;
         if (i > 0) {
-            const Sample &before = stream.samples[int(i) - 1];
-            EXPECT_EQ(qint64(sample.dts) - qint64(before.dts), packet.dts - (*packets)[i - 1].dts)
+            EXPECT_EQ(qint64(sample.dts - stream.samples[i - 1].dts),
+                      packet.value("dts").toInteger() -
+                          packets[i - 1].toObject().value("dts").toInteger())
                 << "sample " << i;
         }
     }
 }
 
-struct RealFile {
-    const char *path; // relative to the source directory
-    int videoStream;
-    int codecId;
-    int width;
-    int height;
-    bool avcConfiguration;
-};
+QByteArray readSourceFile(const char *relative)
+{
+    QFile file(QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QLatin1String(relative));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
-class RealTracks : public ::testing::TestWithParam<RealFile> {
+class RealTracks : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -301,68 +205,49 @@ protected:
     }
 };
 
-std::string realFileName(const ::testing::TestParamInfo<RealFile> &info)
+TEST_F(RealTracks, VideoSamplesAndStreamRecordAgreeWithFfprobe)
 {
-    return QFileInfo(QString::fromLatin1(info.param.path))
-        .completeBaseName()
-        .remove(QLatin1Char('-'))
-        .toStdString();
-}
+    const struct {
+        const char *path; // relative to the source directory
+        int videoStream;
+        int codecId;
+        int width;
+        int height;
+        bool avcConfiguration;
+    } files[] = {{"samples/sample.mp4", 0, 28, 64, 48, true},
+                 {"tests/data/track-h264-bframes.mp4", 0, 28, 32, 24, true},
+                 {"tests/data/track-h264-faststart.mp4", 0, 28, 32, 24, true},
+                 {"tests/data/track-mpeg4.mp4", 0, 13, 32, 24, false},
+                 {"tests/data/track-aac-h264.mp4", 1, 28, 32, 24, true}};
+    for (const auto &f : files) {
+        SCOPED_TRACE(f.path);
+        const QByteArray bytes = readSourceFile(f.path);
+        ASSERT_FALSE(bytes.isEmpty());
+        const ReportTree report = parseReport(bytes);
+        const ReportTree::Stream *stream = videoStream(report);
+        ASSERT_NE(stream, nullptr) << "not exactly one stream with samples";
+        EXPECT_EQ(stream->index, f.videoStream);
+        expectSamplesOfFfprobe(QStringLiteral(SARVELINTH_SOURCE_DIR "/") + f.path, *stream);
 
-QString sourcePath(const char *relative)
-{
-    return QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QString::fromLatin1(relative);
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-TEST_P(RealTracks, VideoSamplesAndStreamRecordAgreeWithFfprobe)
-{
-    const QString path = sourcePath(GetParam().path);
-    const QByteArray bytes = readFile(path);
-    ASSERT_FALSE(bytes.isEmpty()) << path.toStdString();
-    const ReportTree report = parseReport(bytes);
-
-    const ReportTree::Stream *stream = videoStream(report);
-    ASSERT_NE(stream, nullptr) << "not exactly one stream with samples";
-    EXPECT_EQ(stream->index, GetParam().videoStream);
-    expectSamplesOfFfprobe(path, *stream);
-
-    const StreamInfo &info = stream->info;
-    EXPECT_EQ(info.codecId, GetParam().codecId);
-    EXPECT_EQ(info.width, GetParam().width);
-    EXPECT_EQ(info.height, GetParam().height);
-    if (GetParam().avcConfiguration) {
+        const StreamInfo &info = stream->info;
+        EXPECT_EQ(QList<int>({info.codecId, info.width, info.height}),
+                  QList<int>({f.codecId, f.width, f.height}));
+        if (!f.avcConfiguration) {
+            EXPECT_EQ(info.configOffset + info.configSize, 0u);
+            continue;
+        }
         // The configuration is the payload of an avcC box, and begins with version 1.
         ASSERT_GE(info.configOffset, 8u);
         ASSERT_LE(info.configOffset + info.configSize, quint64(bytes.size()));
-        const auto *box =
-            reinterpret_cast<const uchar *>(bytes.constData()) + info.configOffset - 8;
-        EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(box) + 4, 4), "avcC");
-        EXPECT_EQ(qFromBigEndian<quint32>(box), info.configSize + 8);
+        const QByteArray header = bytes.mid(int(info.configOffset) - 8, 8);
+        EXPECT_EQ(header, u32(quint32(info.configSize + 8)) + "avcC");
         EXPECT_EQ(bytes.at(int(info.configOffset)), 1);
-    } else {
-        EXPECT_EQ(info.configOffset, 0u);
-        EXPECT_EQ(info.configSize, 0u);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, RealTracks,
-    ::testing::Values(RealFile{"samples/sample.mp4", 0, 28, 64, 48, true},
-                      RealFile{"tests/data/track-h264-bframes.mp4", 0, 28, 32, 24, true},
-                      RealFile{"tests/data/track-h264-faststart.mp4", 0, 28, 32, 24, true},
-                      RealFile{"tests/data/track-mpeg4.mp4", 0, 13, 32, 24, false},
-                      RealFile{"tests/data/track-aac-h264.mp4", 1, 28, 32, 24, true}),
-    realFileName);
-
-// The boxes of a file with every stco turned into a co64 of the same offsets, and the sizes
-// of the containers around them grown to match. Offsets into mdat stay right only when no
-// moov stands in front of it.
+// The boxes of a file with every stco turned into a co64 of the same offsets, and the sizes of the
+// containers around them grown to match. Offsets into mdat stay right only when no moov stands in
+// front of it.
 QByteArray withCo64(const QByteArray &boxes)
 {
     static const QList<QByteArray> containers = {"moov", "trak", "mdia", "minf", "stbl"};
@@ -391,7 +276,7 @@ QByteArray withCo64(const QByteArray &boxes)
 
 TEST_F(RealTracks, Co64FileAgreesWithFfprobe)
 {
-    const QByteArray original = readFile(sourcePath("tests/data/track-h264-bframes.mp4"));
+    const QByteArray original = readSourceFile("tests/data/track-h264-bframes.mp4");
     const QByteArray converted = withCo64(original);
     ASSERT_TRUE(converted.contains("co64"));
     ASSERT_FALSE(converted.contains("stco"));

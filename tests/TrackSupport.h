@@ -5,21 +5,14 @@
 #include <QIODevice>
 
 #include <initializer_list>
-#include <utility>
-#include <vector>
 
 // Builders of tracks and sample tables for the track tests, and a parse that keeps its
 // parser so that the recorded table buffers can be read back.
 namespace tracks {
 
-using Pairs = std::initializer_list<std::pair<quint32, quint32>>;
-struct ChunkRun {
-    quint32 firstChunk;
-    quint32 samplesPerChunk;
-    quint32 descriptionIndex;
-};
+using Words = std::initializer_list<quint32>;
 
-inline QByteArray words32(std::initializer_list<quint32> values)
+inline QByteArray words32(Words values)
 {
     QByteArray all;
     for (quint32 value : values)
@@ -47,28 +40,31 @@ inline QByteArray videoMovie(const QByteArray &tables)
     return bytes::box("moov", trackBox("vide", tables));
 }
 
-inline QByteArray stts(Pairs runs)
+// A table of version 0: the entry count, then the words of each entry.
+inline QByteArray table(const char *type, std::initializer_list<Words> entries)
 {
-    QByteArray entries = bytes::u32(quint32(runs.size()));
-    for (const auto &run : runs)
-        entries += bytes::u32(run.first) + bytes::u32(run.second);
-    return bytes::fullBox("stts", 0, 0, entries);
+    QByteArray all = bytes::u32(quint32(entries.size()));
+    for (Words entry : entries)
+        all += words32(entry);
+    return bytes::fullBox(type, 0, 0, all);
 }
 
-inline QByteArray stss(std::initializer_list<quint32> numbers)
+inline QByteArray stts(std::initializer_list<Words> runs)
+{
+    return table("stts", runs);
+}
+
+inline QByteArray stsc(std::initializer_list<Words> runs)
+{
+    return table("stsc", runs);
+}
+
+inline QByteArray stss(Words numbers)
 {
     return bytes::fullBox("stss", 0, 0, bytes::u32(quint32(numbers.size())) + words32(numbers));
 }
 
-inline QByteArray stsc(std::initializer_list<ChunkRun> runs)
-{
-    QByteArray entries = bytes::u32(quint32(runs.size()));
-    for (const ChunkRun &run : runs)
-        entries += words32({run.firstChunk, run.samplesPerChunk, run.descriptionIndex});
-    return bytes::fullBox("stsc", 0, 0, entries);
-}
-
-inline QByteArray stco(std::initializer_list<quint32> offsets)
+inline QByteArray stco(Words offsets)
 {
     return bytes::fullBox("stco", 0, 0, bytes::u32(quint32(offsets.size())) + words32(offsets));
 }
@@ -88,7 +84,7 @@ inline QByteArray stszConstant(quint32 sampleSize, quint32 sampleCount)
 }
 
 // stsz with a size for each sample.
-inline QByteArray stsz(std::initializer_list<quint32> sizes)
+inline QByteArray stsz(Words sizes)
 {
     return bytes::fullBox("stsz", 0, 0, words32({0, quint32(sizes.size())}) + words32(sizes));
 }
@@ -135,23 +131,6 @@ inline const ReportTree::Node *findElement(const ReportTree::Node &node, const Q
             return found;
     }
     return nullptr;
-}
-
-// Elements, fields and samples of a report.
-inline quint64 countNodes(const ReportTree::Node &node)
-{
-    quint64 count = 1;
-    for (const auto &child : node.children)
-        count += countNodes(*child);
-    return count;
-}
-
-inline quint64 countSamples(const ReportTree &report)
-{
-    quint64 count = 0;
-    for (const ReportTree::Stream &stream : report.streams)
-        count += quint64(stream.samples.size());
-    return count;
 }
 
 } // namespace tracks
