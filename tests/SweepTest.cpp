@@ -57,20 +57,19 @@ std::set<int> cutLengths(const Whole &whole)
         cuts.insert(length);
     for (int step = 0; step <= 256; ++step)
         cuts.insert(int(qint64(size) * step / 256));
-    auto aroundBoundary = [&](quint64 boundary) {
-        for (qint64 length = qint64(boundary) - 1; length <= qint64(boundary) + 1; ++length) {
-            if (length >= 0 && length <= size)
-                cuts.insert(int(length));
+    const auto aroundBoundaries = [&](const ReportTree::Node &node) {
+        for (const quint64 boundary : {node.offset, node.offset + node.size}) {
+            for (const quint64 length : {boundary - 1, boundary, boundary + 1}) {
+                if (length <= quint64(size))
+                    cuts.insert(int(length));
+            }
         }
     };
     for (const auto &top : whole.report.root.children) {
-        aroundBoundary(top->offset);
-        aroundBoundary(top->offset + top->size);
+        aroundBoundaries(*top);
         for (const auto &child : top->children) {
-            if (child->kind == ReportTree::Node::Element) {
-                aroundBoundary(child->offset);
-                aroundBoundary(child->offset + child->size);
-            }
+            if (child->kind == ReportTree::Node::Element)
+                aroundBoundaries(*child);
         }
     }
     return cuts;
