@@ -153,17 +153,14 @@ std::optional<CheckedRun> runInLimitedChild(const std::function<CheckedRun()> &w
 
 // A balanced report of at most a few nodes per byte, however often the walk comes back to
 // a byte and whatever the counts in the file claim.
-bool expectBoundedBalancedReport(const QByteArray &input)
+void expectBoundedBalancedReport(const QByteArray &input)
 {
     const std::optional<CheckedRun> run = runInLimitedChild([&] { return parseChecked(input); });
-    EXPECT_TRUE(run.has_value()) << "the parse died or ran out of memory";
-    if (!run)
-        return false;
+    ASSERT_TRUE(run.has_value()) << "the parse died or ran out of memory";
     EXPECT_TRUE(run->sound()) << run->problem;
     EXPECT_LE(run->nodes(), 16 * quint64(input.size()) + 256);
     EXPECT_LE(run->samples, quint64(input.size()));
     EXPECT_LE(run->maxDepth, 64 + 2); // 64 levels of boxes and a couple of field groups
-    return true;
 }
 
 TEST(HostileHarness, TheMemoryCapStopsRunawayAllocation)
@@ -216,36 +213,27 @@ TEST(Hostile, CraftedFilesEndWithABoundedBalancedReport)
     const struct {
         const char *name;
         QByteArray input;
-        // A box whose count of 2^32 - 1 must show as stored, beside the few entries it holds.
-        const char *countedBox = nullptr;
     } cases[] = {
-        // Every table box claims 2^32 - 1 entries and holds two.
+        // Every table box claims 2^32 - 1 entries and holds two; what they report is the
+        // business of the table tests, their memory is checked here.
         {"SttsCount",
-         videoTrack(fullBox("stts", 0, 0, cat({u32(MaxCount), u32(1), u32(1), u32(2), u32(3)}))),
-         "stts"},
-        {"StssCount", videoTrack(fullBox("stss", 0, 0, cat({u32(MaxCount), u32(1), u32(5)}))),
-         "stss"},
+         videoTrack(fullBox("stts", 0, 0, cat({u32(MaxCount), u32(1), u32(1), u32(2), u32(3)})))},
+        {"StssCount", videoTrack(fullBox("stss", 0, 0, cat({u32(MaxCount), u32(1), u32(5)})))},
         {"StscCount",
          videoTrack(fullBox("stsc", 0, 0,
-                            cat({u32(MaxCount), u32(1), u32(2), u32(1), u32(3), u32(4), u32(1)}))),
-         "stsc"},
-        {"StcoCount", videoTrack(fullBox("stco", 0, 0, cat({u32(MaxCount), u32(8), u32(16)}))),
-         "stco"},
-        {"Co64Count", videoTrack(fullBox("co64", 0, 0, cat({u32(MaxCount), u64(8), u64(16)}))),
-         "co64"},
+                            cat({u32(MaxCount), u32(1), u32(2), u32(1), u32(3), u32(4), u32(1)})))},
+        {"StcoCount", videoTrack(fullBox("stco", 0, 0, cat({u32(MaxCount), u32(8), u32(16)})))},
+        {"Co64Count", videoTrack(fullBox("co64", 0, 0, cat({u32(MaxCount), u64(8), u64(16)})))},
         {"StszCount",
-         videoTrack(fullBox("stsz", 0, 0, cat({u32(0), u32(MaxCount), u32(4), u32(5)}))), "stsz"},
+         videoTrack(fullBox("stsz", 0, 0, cat({u32(0), u32(MaxCount), u32(4), u32(5)})))},
         {"StsdCount",
-         videoTrack(fullBox("stsd", 0, 0, cat({u32(MaxCount), u32(16), text("avc1"), zeros(8)}))),
-         "stsd"},
+         videoTrack(fullBox("stsd", 0, 0, cat({u32(MaxCount), u32(16), text("avc1"), zeros(8)})))},
         {"ElstCount",
          videoTrack({}, box("edts", fullBox("elst", 0, 0,
-                                            cat({u32(MaxCount), u32(1), u32(0), u32(0x10000)})))),
-         "elst"},
+                                            cat({u32(MaxCount), u32(1), u32(0), u32(0x10000)}))))},
         {"ElstVersion1Count",
          videoTrack({}, box("edts", fullBox("elst", 1, 0,
-                                            cat({u32(MaxCount), u64(1), u64(0), u32(0x10000)})))),
-         "elst"},
+                                            cat({u32(MaxCount), u64(1), u64(0), u32(0x10000)}))))},
         // The same counts in boxes that claim more bytes than the file has.
         {"TablesReachingPastTheInput", videoTrack(cat({u32(0xFFFFFF00), text("stts"), zeros(4),
                                                        u32(MaxCount), u32(MaxCount), u32(1)}))},
@@ -297,18 +285,7 @@ TEST(Hostile, CraftedFilesEndWithABoundedBalancedReport)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        if (!expectBoundedBalancedReport(c.input) || !c.countedBox)
-            continue;
-        const ReportTree report = parseReport(c.input);
-        const ReportTree::Node *counted = &report.root;
-        for (const char *type : {"moov", "trak", "edts", "mdia", "minf", "stbl", c.countedBox}) {
-            if (counted->child(type))
-                counted = counted->child(type);
-        }
-        ASSERT_EQ(counted->name, c.countedBox);
-        const QString shown = dump(*counted);
-        EXPECT_TRUE(shown.contains(" = 4294967295\n")) << shown.toStdString();
-        EXPECT_LE(shown.count('\n'), 40) << shown.toStdString();
+        expectBoundedBalancedReport(c.input);
     }
 }
 
