@@ -3,6 +3,8 @@
 
 #include "TrackSupport.h"
 
+#include <QtEndian>
+
 #include <gtest/gtest.h>
 
 using namespace bytes;
@@ -11,147 +13,136 @@ using namespace tracks;
 namespace {
 constexpr quint32 MaxCount = 0xFFFFFFFF;
 
-// Compared with tests/golden/SampleTables/<name>.txt.
+// Compared with tests/golden/SampleTables/<name>.txt, in value base 16 when the name ends so.
 TEST(SampleTables, ReportEveryEntryThatLiesInsideTheBoxAndTheInput)
 {
-    ContainerAbstract::Settings hex;
-    hex.valueBase = 16;
-    const struct {
-        const char *name;
-        QByteArray input;
-        ContainerAbstract::Settings settings = {};
-    } cases[] = {
+    const std::pair<const char *, QByteArray> cases[] = {
         // Entries as elements or as indexed fields; offsets unsigned; a constant sample size
         // without entries.
-        {"every-table", cat({stts({{3, 5}, {0, 9}}), stss({1, 5}), stsc({{1, 2, 1}, {3, 1, 2}}),
-                             stco({400, 0xFFFFFFFF}), co64({0x100000000}), stsz({7, 9}),
-                             fullBox("stsz", 0, 0, words32({100, 5, 1, 2}))})},
-        {"empty-table", stco({})},
-        {"count-beyond-the-box",
-         cat({fullBox("stss", 0, 0, words32({5, 1, 2})), box("free", words32({3, 4}))})},
-        {"entry-cut-by-the-input",
-         cat({u32(100), text("stco"), zeros(4), words32({3, 1, 2}), u16(0)})},
-        {"count-cut-off", fullBox("stts", 0, 0, u16(7))},
-        {"stsz-without-its-count", fullBox("stsz", 0, 0, u32(0))},
-        {"value-base-16", stco({255}), hex},
+        {"every-table",
+         cat({table("stts", {{3, 5}, {0, 9}}), stss({1, 5}), table("stsc", {{1, 2, 1}, {3, 1, 2}}),
+              stco({400, 0xFFFFFFFF}), co64({0x100000000}), stsz({7, 9}),
+              fullBox("stsz", 0, 0, words32({100, 5, 1, 2}))})},
+        // An empty table, a count and a constant size cut off by the box, a count beyond the box,
+        // and entries cut off by the end of the input.
+        {"short-tables",
+         cat({stco({}), fullBox("stts", 0, 0, u16(7)), fullBox("stsz", 0, 0, u32(0)),
+              fullBox("stss", 0, 0, words32({5, 1, 2})), box("free", words32({3, 4})), u32(100),
+              text("stco"), zeros(4), words32({3, 1, 2}), u16(0)})},
+        {"stco-base16", stco({255})},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        expectGolden(QStringLiteral("SampleTables/") + QLatin1String(c.name),
-                     dump(parseReport(c.input, c.settings)));
+    for (const auto &[name, input] : cases) {
+        ContainerAbstract::Settings settings;
+        settings.valueBase = QByteArray(name).endsWith("-base16") ? 16 : 10;
+        expectGolden(QStringLiteral("SampleTables/") + QLatin1String(name),
+                     dump(parseReport(input, settings)));
     }
 }
 
-using TableList = QVector<QIODevice *> TestParser::*;
+// What a stream recorded: its sample count and each table buffer that is not empty, as the
+// host-order words it holds (8 bytes wide for chunk offsets, 4 for all else).
+std::string recorded(const KeptParse &kept, int stream)
+{
+    const TestParser &parser = kept.parser;
+    const std::pair<const char *, const QVector<QIODevice *> *> lists[] = {
+        {"chunk offsets", &parser.chunkOffsetTables},
+        {"sample to chunk", &parser.sampleToChunkTables},
+        {"sample sizes", &parser.sampleSizeTables},
+        {"time to sample", &parser.timeToSampleTables},
+        {"sync samples", &parser.syncSampleTables}};
+    QString text = QStringLiteral("samples %1").arg(parser.sampleCounts.value(stream));
+    for (const auto &[name, list] : lists) {
+        const QByteArray buffer = kept.buffer(*list, stream);
+        const int width = list == &parser.chunkOffsetTables ? 8 : 4;
+        if (!buffer.isEmpty())
+            text += QStringLiteral(", %1:").arg(QLatin1String(name));
+        for (int at = 0; at + width <= buffer.size(); at += width) {
+            const char *word = buffer.constData() + at;
+            text += ' ' + QString::number(width == 8 ? qFromUnaligned<quint64>(word)
+                                                     : qFromUnaligned<quint32>(word));
+        }
+        if (buffer.size() % width)
+            text += QStringLiteral(" and %1 bytes").arg(buffer.size() % width);
+    }
+    return text.toStdString();
+}
 
 TEST(SampleTables, VideoTrackRecordsEachTableInItsBufferLayout)
 {
-    const struct {
-        const char *name;
-        QByteArray tables;
-        TableList list;
-        QByteArray expected;
-    } cases[] = {
-        {"stts runs expand to one delta per sample", stts({{3, 5}, {0, 9}, {2, 7}}),
-         &TestParser::timeToSampleTables, hostWords<quint32>({5, 5, 5, 7, 7})},
-        {"a second stts goes on behind the first", stts({{2, 5}}) + stts({{1, 8}}),
-         &TestParser::timeToSampleTables, hostWords<quint32>({5, 5, 8})},
-        {"stss numbers stay one-based", stss({1, 5}), &TestParser::syncSampleTables,
-         hostWords<quint32>({1, 5})},
-        {"stsc: the count, then the records", stsc({{1, 2, 1}, {3, 1, 2}}),
-         &TestParser::sampleToChunkTables, hostWords<quint32>({2, 1, 2, 1, 3, 1, 2})},
-        {"an empty stsc records its count", stsc({}), &TestParser::sampleToChunkTables,
-         hostWords<quint32>({0})},
-        {"a second stsc starts the buffer over", stsc({{1, 2, 1}, {3, 1, 2}}) + stsc({{5, 6, 7}}),
-         &TestParser::sampleToChunkTables, hostWords<quint32>({1, 5, 6, 7, 3, 1, 2})},
-        {"stco and co64 share one buffer of unsigned 8-byte offsets in box order",
-         cat({stco({0xFFFFFFFF}), co64({0x200000000, 0x123456789}), stco({900})}),
-         &TestParser::chunkOffsetTables,
-         hostWords<quint64>({0xFFFFFFFF, 0x200000000, 0x123456789, 900})},
-        {"stsz: the count, then a size per sample", stsz({10, 20, 30}),
-         &TestParser::sampleSizeTables, hostWords<quint32>({3, 10, 20, 30})},
-        {"a constant sample size is one word", stszConstant(100, 5), &TestParser::sampleSizeTables,
-         hostWords<quint32>({1, 100})},
-        {"stsz without samples", stsz({}), &TestParser::sampleSizeTables, hostWords<quint32>({0})},
-        {"a second stsz starts the buffer over", stsz({10, 20, 30}) + stszConstant(100, 7),
-         &TestParser::sampleSizeTables, hostWords<quint32>({1, 100, 20, 30})},
-        {"entries beyond the box are not recorded", fullBox("stco", 0, 0, words32({5, 400})),
-         &TestParser::chunkOffsetTables, hostWords<quint64>({400})},
+    const std::pair<QByteArray, const char *> cases[] = {
+        // Runs expand to one delta per sample; a second table goes on behind the first.
+        {table("stts", {{3, 5}, {0, 9}, {2, 7}}), "samples 0, time to sample: 5 5 5 7 7"},
+        {table("stts", {{2, 5}}) + table("stts", {{1, 8}}), "samples 0, time to sample: 5 5 8"},
+        {stss({1, 5}), "samples 0, sync samples: 1 5"},
+        // The count, then the records; a second table starts the buffer over.
+        {table("stsc", {{1, 2, 1}, {3, 1, 2}}), "samples 0, sample to chunk: 2 1 2 1 3 1 2"},
+        {table("stsc", {}), "samples 0, sample to chunk: 0"},
+        {table("stsc", {{1, 2, 1}, {3, 1, 2}}) + table("stsc", {{5, 6, 7}}),
+         "samples 0, sample to chunk: 1 5 6 7 3 1 2"},
+        // stco and co64 share one buffer of unsigned 8-byte offsets, in box order.
+        {cat({stco({0xFFFFFFFF}), co64({0x200000000}), stco({900})}),
+         "samples 0, chunk offsets: 4294967295 8589934592 900"},
+        // The count, then a size per sample or one constant size; a second table starts over.
+        {stsz({10, 20, 30}), "samples 3, sample sizes: 3 10 20 30"},
+        {stszConstant(100, 5), "samples 5, sample sizes: 1 100"},
+        {stsz({}), "samples 0, sample sizes: 0"},
+        {stsz({10, 20, 30}) + stszConstant(100, 7), "samples 7, sample sizes: 1 100 20 30"},
+        {fullBox("stco", 0, 0, words32({5, 400})), "samples 0, chunk offsets: 400"},
     };
-    for (const auto &c : cases) {
-        KeptParse kept(videoMovie(c.tables));
-        ASSERT_EQ(kept.parser.sampleOutputs.size(), 1) << c.name;
-        EXPECT_EQ(kept.buffer(kept.parser.*c.list, 0).toHex().toStdString(),
-                  c.expected.toHex().toStdString())
-            << c.name;
+    for (const auto &[tables, expected] : cases) {
+        KeptParse kept(videoMovie(tables));
+        ASSERT_EQ(kept.parser.sampleOutputs.size(), 1);
+        EXPECT_EQ(recorded(kept, 0), expected);
     }
 }
 
-TEST(SampleTables, StszSetsTheStreamsSampleCount)
-{
-    KeptParse kept(videoMovie(cat({stszConstant(100, 5), stsz({10, 20, 30})})));
-    EXPECT_EQ(kept.parser.sampleCounts, QVector<quint64>({3}));
-    EXPECT_EQ(kept.parser.sampleCount, 3u);
-}
-
-const TableList AllTables[] = {&TestParser::chunkOffsetTables, &TestParser::sampleToChunkTables,
-                               &TestParser::sampleSizeTables, &TestParser::timeToSampleTables,
-                               &TestParser::syncSampleTables};
-
-TEST(SampleTables, TrackThatIsNotVideoReportsButRecordsNothing)
-{
-    const QByteArray tables = cat({stts({{3, 5}}), stss({1}), stsc({{1, 3, 1}}), stco({400}),
-                                   co64({900}), stsz({10, 20, 30})});
-    KeptParse kept(box("moov", trackBox("soun", tables)));
-    EXPECT_EQ(dump(kept.report).remove(QStringLiteral("soun")),
-              dump(parseReport(videoMovie(tables))).remove(QStringLiteral("vide")));
-    ASSERT_EQ(kept.parser.sampleOutputs.size(), 1);
-    EXPECT_EQ(kept.parser.sampleOutputs[0], nullptr);
-    EXPECT_EQ(kept.parser.sampleCounts, QVector<quint64>({0}));
-    EXPECT_EQ(kept.parser.sampleCount, 3u);
-    for (TableList list : AllTables) {
-        ASSERT_EQ((kept.parser.*list).size(), 1);
-        EXPECT_TRUE(kept.buffer(kept.parser.*list, 0).isEmpty());
-    }
-}
-
-TEST(SampleTables, TablesOutsideAnyTrackRecordNothing)
-{
-    KeptParse kept(cat({handlerBox("vide"), stsz({10, 20}), stco({400})}));
-    EXPECT_TRUE(kept.parser.sampleOutputs.isEmpty());
-    EXPECT_TRUE(kept.parser.chunkOffsetTables.isEmpty());
-    EXPECT_TRUE(kept.parser.sampleCounts.isEmpty());
-    EXPECT_TRUE(dump(kept.report).contains(QStringLiteral("entry_size[1] @64+4 = 20")));
-}
-
+// Each trak opens the stream of its index; a track that is not video records nothing but the sample
+// count of the parser.
 TEST(SampleTables, EachTrakOpensTheStreamOfItsIndex)
 {
-    KeptParse kept(box("moov", cat({trackBox("vide", cat({stsz({10, 20, 30}), stco({400})})),
-                                    trackBox("soun", stsz({1, 2})), box("trak"),
-                                    trackBox("vide", cat({stsz({5, 6}), stco({900})}))})));
+    const QByteArray otherTables =
+        cat({table("stts", {{3, 5}}), stss({1}), table("stsc", {{1, 3, 1}}), stco({400}),
+             co64({900}), stsz({10, 20, 30})});
+    KeptParse kept(box(
+        "moov",
+        cat({trackBox("vide", cat({stszConstant(100, 5), stsz({7, 8}), stco({400})})), box("trak"),
+             trackBox("vide", cat({stsz({5, 6}), stco({900})})), trackBox("soun", otherTables)})));
     const TestParser &parser = kept.parser;
-    EXPECT_EQ(parser.streams.size(), 4);
     ASSERT_EQ(parser.sampleOutputs.size(), 4);
-    EXPECT_NE(parser.sampleOutputs[0], nullptr);
-    EXPECT_EQ(parser.sampleOutputs[1], nullptr);
-    EXPECT_EQ(parser.sampleOutputs[2], nullptr);
-    EXPECT_NE(parser.sampleOutputs[3], nullptr);
-    EXPECT_EQ(parser.sampleCounts, QVector<quint64>({3, 0, 0, 2}));
-    EXPECT_EQ(kept.buffer(parser.chunkOffsetTables, 3), hostWords<quint64>({900}));
-    EXPECT_EQ(kept.buffer(parser.sampleSizeTables, 3), hostWords<quint32>({2, 5, 6}));
-    for (TableList list : AllTables)
-        EXPECT_EQ((parser.*list).size(), 4);
+    EXPECT_EQ(parser.streams.size(), 4);
+    for (const QVector<QIODevice *> *list :
+         {&parser.chunkOffsetTables, &parser.sampleToChunkTables, &parser.sampleSizeTables,
+          &parser.timeToSampleTables, &parser.syncSampleTables})
+        EXPECT_EQ(list->size(), 4);
+    std::string streams;
+    for (int stream = 0; stream < 4; ++stream)
+        streams +=
+            (parser.sampleOutputs[stream] ? "video " : "other ") + recorded(kept, stream) + '\n';
+    EXPECT_EQ(streams, "video samples 2, chunk offsets: 400, sample sizes: 2 7 8\n"
+                       "other samples 0\n"
+                       "video samples 2, chunk offsets: 900, sample sizes: 2 5 6\n"
+                       "other samples 0\n");
+    EXPECT_EQ(parser.sampleCount, 3u);
+
+    // Its report is that of a video track.
+    EXPECT_EQ(dump(parseReport(box("moov", trackBox("soun", otherTables)))).remove("soun"),
+              dump(parseReport(videoMovie(otherTables))).remove("vide"));
 }
 
 TEST(SampleTables, OnlyATrakWhoseBoxesAreWalkedOpensAStream)
 {
-    // A trak whose size cannot hold its header, and one below the deepest walked level.
+    // Tables outside any trak, a trak whose size cannot hold its header, and one below the deepest
+    // walked level.
     QByteArray tooDeep = box("trak");
     for (int level = 0; level < 64; ++level)
         tooDeep = box("moov", tooDeep);
-    for (const QByteArray &input : {cat({u32(4), text("trak")}), tooDeep}) {
+    for (const QByteArray &input : {cat({handlerBox("vide"), stsz({10, 20}), stco({400})}),
+                                    cat({u32(4), text("trak")}), tooDeep}) {
         KeptParse kept(input);
         EXPECT_TRUE(kept.parser.streams.isEmpty());
+        EXPECT_TRUE(kept.parser.sampleOutputs.isEmpty());
+        EXPECT_TRUE(kept.parser.sampleCounts.isEmpty());
+        EXPECT_TRUE(kept.parser.chunkOffsetTables.isEmpty());
         EXPECT_TRUE(kept.parser.syncSampleTables.isEmpty());
     }
 }
@@ -159,12 +150,12 @@ TEST(SampleTables, OnlyATrakWhoseBoxesAreWalkedOpensAStream)
 TEST(SampleTables, TimeToSampleBuffersHoldAtMostOneWordPerInputByte)
 {
     // Each track asks for 2^32 - 1 deltas; the first takes what the input allows.
-    const QByteArray run = stts({{MaxCount, 3}});
+    const QByteArray run = table("stts", {{MaxCount, 3}});
     const QByteArray input = box("moov", cat({trackBox("vide", run), trackBox("vide", run)}));
     KeptParse kept(input);
     const QByteArray first = kept.buffer(kept.parser.timeToSampleTables, 0);
-    EXPECT_EQ(first.size(), 4 * input.size());
-    EXPECT_EQ(first.right(4), hostWords<quint32>({3}));
+    ASSERT_EQ(first.size(), 4 * input.size());
+    EXPECT_EQ(qFromUnaligned<quint32>(first.constData() + first.size() - 4), 3u);
     EXPECT_TRUE(kept.buffer(kept.parser.timeToSampleTables, 1).isEmpty());
 }
 
@@ -172,36 +163,32 @@ TEST(SampleTables, TimeToSampleBuffersHoldAtMostOneWordPerInputByte)
 // samples bounded by the input.
 TEST(SampleTables, CountsTheBoxDoesNotBackEndSmall)
 {
-    const struct {
-        const char *name;
-        QByteArray tables;
-        int entries; // reported by the first box of the case
-    } cases[] = {
-        {"stts", fullBox("stts", 0, 0, words32({MaxCount, 1, 1, 2, 3})), 2},
-        {"stss", fullBox("stss", 0, 0, words32({MaxCount, 1, 5})), 2},
-        {"stsc", fullBox("stsc", 0, 0, words32({MaxCount, 1, 2, 1, 3, 4, 1})), 2},
-        {"stco", fullBox("stco", 0, 0, words32({MaxCount, 8, 16})), 2},
-        {"co64", fullBox("co64", 0, 0, cat({u32(MaxCount), u64(8), u64(16)})), 2},
-        {"stsz", fullBox("stsz", 0, 0, words32({0, MaxCount, 4, 5})), 2},
-        {"stts run of all samples",
-         cat({stts({{MaxCount, 1}}), stszConstant(10, MaxCount), stsc({{1, MaxCount, 1}}),
-              stco({0})}),
+    const std::pair<QByteArray, int> cases[] = {
+        // the tables, and the entries of the first
+        {fullBox("stts", 0, 0, words32({MaxCount, 1, 1, 2, 3})), 2},
+        {fullBox("stss", 0, 0, words32({MaxCount, 1, 5})), 2},
+        {fullBox("stsc", 0, 0, words32({MaxCount, 1, 2, 1, 3, 4, 1})), 2},
+        {fullBox("stco", 0, 0, words32({MaxCount, 8, 16})), 2},
+        {fullBox("co64", 0, 0, cat({u32(MaxCount), u64(8), u64(16)})), 2},
+        {fullBox("stsz", 0, 0, words32({0, MaxCount, 4, 5})), 2},
+        {fullBox("stsd", 0, 0, cat({u32(MaxCount), zeros(100)})), 1}, // entry sizes zero
+        // A time-to-sample run and a constant size for all samples.
+        {cat({table("stts", {{MaxCount, 1}}), stszConstant(10, MaxCount),
+              table("stsc", {{1, MaxCount, 1}}), stco({0})}),
          1},
-        {"constant size for all samples",
-         cat({stszConstant(1000, MaxCount), stsc({{1, MaxCount, 1}}), stco({0})}), 0},
-        {"stsd entry sizes zero", fullBox("stsd", 0, 0, cat({u32(MaxCount), zeros(100)})), 1},
+        {cat({stszConstant(1000, MaxCount), table("stsc", {{1, MaxCount, 1}}), stco({0})}), 0},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        const QByteArray input = videoMovie(c.tables);
+    for (const auto &[tables, expectedEntries] : cases) {
+        const QString type = QString::fromLatin1(tables.mid(4, 4));
+        SCOPED_TRACE(type.toStdString());
+        const QByteArray input = videoMovie(tables);
         const ReportTree report = parseReport(input);
-        const ReportTree::Node *table =
-            findElement(report.root, QString::fromLatin1(c.tables.mid(4, 4)));
+        const ReportTree::Node *table = findElement(report.root, type);
         ASSERT_NE(table, nullptr);
         int entries = 0;
         for (const auto &child : table->children)
             entries += child->index >= 0 ? 1 : 0;
-        EXPECT_EQ(entries, c.entries);
+        EXPECT_EQ(entries, expectedEntries);
         EXPECT_LE(dump(report).count('\n'), 2 * input.size());
         ASSERT_EQ(report.streams.size(), 1);
         EXPECT_LE(report.streams[0].samples.size(), input.size());

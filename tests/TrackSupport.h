@@ -6,8 +6,8 @@
 
 #include <initializer_list>
 
-// Builders of tracks and sample tables for the track tests, and a parse that keeps its
-// parser so that the recorded table buffers can be read back.
+// Builders of tracks and sample tables for the track tests, and a parse that keeps its parser so
+// that the recorded table buffers can be read back.
 namespace tracks {
 
 using Words = std::initializer_list<quint32>;
@@ -40,23 +40,13 @@ inline QByteArray videoMovie(const QByteArray &tables)
     return bytes::box("moov", trackBox("vide", tables));
 }
 
-// A table of version 0: the entry count, then the words of each entry.
+// A table of version 0: the entry count, then the words of each entry ("stts", "stsc").
 inline QByteArray table(const char *type, std::initializer_list<Words> entries)
 {
     QByteArray all = bytes::u32(quint32(entries.size()));
     for (Words entry : entries)
         all += words32(entry);
     return bytes::fullBox(type, 0, 0, all);
-}
-
-inline QByteArray stts(std::initializer_list<Words> runs)
-{
-    return table("stts", runs);
-}
-
-inline QByteArray stsc(std::initializer_list<Words> runs)
-{
-    return table("stsc", runs);
 }
 
 inline QByteArray stss(Words numbers)
@@ -87,15 +77,6 @@ inline QByteArray stszConstant(quint32 sampleSize, quint32 sampleCount)
 inline QByteArray stsz(Words sizes)
 {
     return bytes::fullBox("stsz", 0, 0, words32({0, quint32(sizes.size())}) + words32(sizes));
-}
-
-// Host-order words as a table buffer holds them.
-template <typename T> QByteArray hostWords(std::initializer_list<T> values)
-{
-    QByteArray all;
-    for (T value : values)
-        all += QByteArray(reinterpret_cast<const char *>(&value), sizeof value);
-    return all;
 }
 
 // A parse whose parser stays alive for a look at its recorded state.
