@@ -105,6 +105,12 @@ private:
     void endTrack(int stream);
     // The buffer the current track records a table into, or null when nothing is recorded.
     QIODevice *recordingDevice(QVector<QIODevice *> &tables);
+    // A plain field of whole bytes, with no extra text, outside any list.
+    void reportField(quint64 at, quint64 size, const char *name, const QString &value,
+                     const QString &comment = QString())
+    {
+        addField(false, at, 0, size, QString::fromLatin1(name), value, QString(), comment, -1);
+    }
     // Reads the 4-byte word at position of a table's payload and reports it as the field
     // name; false, with nothing reported, when the payload or the input ends before it.
     bool reportTableWord(TableReader &reader, quint64 offset, quint64 position, const char *name,

@@ -12,11 +12,6 @@ int ContainerMP4::parseBoxELST(quint64 offset, quint64 size)
     addField(false, offset, 0, 4, QStringLiteral("entry_count"), Render::u32(entryCount, valueBase),
              QString(), QString(), -1);
 
-    auto report = [&](quint64 at, quint64 fieldSize, const char *name, const QString &value,
-                      const QString &comment) {
-        addField(false, at, 0, fieldSize, QString::fromLatin1(name), value, QString(), comment, -1);
-    };
-
     const quint64 entrySize = boxVersion == 1 ? 20 : boxVersion == 0 ? 12 : 4;
     const quint64 inputSize = quint64(input.size());
     // Entries are shown only while one lies whole inside the box and inside the input, so
@@ -34,9 +29,9 @@ int ContainerMP4::parseBoxELST(quint64 offset, quint64 size)
             quint64 times[2] = {};
             input.readBytes(reinterpret_cast<char *>(times), 16);
             swapBytes(&times[0], 8);
-            report(p, 8, "segment_duration", Render::u64(times[0], valueBase), QString());
+            reportField(p, 8, "segment_duration", Render::u64(times[0], valueBase));
             swapBytes(&times[1], 8);
-            report(p + 8, 8, "media_time", Render::i64(qint64(times[1]), valueBase), QString());
+            reportField(p + 8, 8, "media_time", Render::i64(qint64(times[1]), valueBase));
             p += 16;
         } else if (boxVersion == 0) {
             setElementSize(12);
@@ -44,19 +39,19 @@ int ContainerMP4::parseBoxELST(quint64 offset, quint64 size)
             quint32 times[2] = {};
             input.readBytes(reinterpret_cast<char *>(times), 8);
             swapBytes(&times[0], 4);
-            report(p, 4, "segment_duration", Render::u32(times[0], valueBase), QString());
+            reportField(p, 4, "segment_duration", Render::u32(times[0], valueBase));
             swapBytes(&times[1], 4);
-            report(p + 4, 4, "media_time", Render::i32(qint32(times[1]), valueBase), QString());
+            reportField(p + 4, 4, "media_time", Render::i32(qint32(times[1]), valueBase));
             p += 8;
         }
         input.seek(qint64(p));
         qint16 rate[2] = {};
         input.readBytes(reinterpret_cast<char *>(rate), 4);
         swapBytes(&rate[0], 2);
-        report(p, 2, "media_rate_integer", Render::i32(rate[0], valueBase), QString());
+        reportField(p, 2, "media_rate_integer", Render::i32(rate[0], valueBase));
         swapBytes(&rate[1], 2);
-        report(p + 2, 2, "media_rate_fraction", Render::i32(rate[1], valueBase),
-               QStringLiteral("default 0"));
+        reportField(p + 2, 2, "media_rate_fraction", Render::i32(rate[1], valueBase),
+                    QStringLiteral("default 0"));
         endElement();
     }
 

@@ -8,29 +8,25 @@
 // it stands, decides whether what follows belongs to a video track.
 int ContainerMP4::parseBoxHDLR(quint64 offset, quint64 size)
 {
-    auto report = [&](quint64 position, quint64 fieldSize, const char *name, const QString &value) {
-        addField(false, offset + position, 0, fieldSize, QString::fromLatin1(name), value,
-                 QString(), QString(), -1);
-    };
-
     quint32 preDefined = 0;
     input.readBytes(reinterpret_cast<char *>(&preDefined), 4);
     swapBytes(&preDefined, 4);
-    report(0, 4, "pre_defined", Render::u32(preDefined, valueBase));
+    reportField(offset, 4, "pre_defined", Render::u32(preDefined, valueBase));
 
     input.seek(qint64(offset + 4));
     char handlerBytes[4] = {};
     input.readBytes(handlerBytes, 4);
     const QString handlerType = Render::latin1Text(handlerBytes, 4);
     currentTrackType = handlerType == QLatin1String("vide") ? 0 : 4;
-    report(4, 4, "handler_type", handlerType);
+    reportField(offset + 4, 4, "handler_type", handlerType);
 
     input.seek(qint64(offset + 8));
     quint32 reserved[3] = {};
     input.readBytes(reinterpret_cast<char *>(reserved), sizeof reserved);
     for (int i = 0; i < 3; ++i) {
         swapBytes(&reserved[i], 4);
-        report(8 + 4 * quint64(i), 4, "reserved", Render::u32(reserved[i], valueBase));
+        reportField(offset + 8 + 4 * quint64(i), 4, "reserved",
+                    Render::u32(reserved[i], valueBase));
     }
 
     // The name fills the rest of the box. Only the bytes the input holds are read, so a
@@ -46,7 +42,8 @@ int ContainerMP4::parseBoxHDLR(quint64 offset, quint64 size)
         return ParseOutOfMemory;
     input.seek(qint64(nameStart));
     const qint64 delivered = input.readBytes(name.get(), qint64(wanted));
-    report(20, nameSize, "name", Render::latin1Text(name.get(), qsizetype(delivered)));
+    reportField(offset + 20, nameSize, "name",
+                Render::latin1Text(name.get(), qsizetype(delivered)));
 
     input.seek(qint64(offset));
     return ParseOk;

@@ -26,15 +26,11 @@ int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
         return ParseTruncated;
 
     FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
-    auto report = [&](quint64 position, quint64 size, const char *name, const QString &value) {
-        addField(false, offset + position, 0, size, QString::fromLatin1(name), value, QString(),
-                 QString(), -1);
-    };
-
-    report(0, w, "creation_time", Render::u64(fields.wide(0, w), valueBase));
-    report(w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase));
-    report(2 * w, 4, "timescale", Render::u32(fields.u32(2 * w), valueBase));
-    report(2 * w + 4, w, "duration", Render::u64(fields.wide(2 * w + 4, w), valueBase));
+    reportField(offset, w, "creation_time", Render::u64(fields.wide(0, w), valueBase));
+    reportField(offset + w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase));
+    reportField(offset + 2 * w, 4, "timescale", Render::u32(fields.u32(2 * w), valueBase));
+    reportField(offset + 2 * w + 4, w, "duration",
+                Render::u64(fields.wide(2 * w + 4, w), valueBase));
 
     // One word holds both: a pad bit on top, shown unshifted, and the language below it.
     const quint16 word = fields.u16(3 * w + 4);
@@ -43,6 +39,7 @@ int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
     addField(true, offset + 3 * w + 4, 1, 15, QStringLiteral("language"), languageText(word),
              QString(), QString(), -1);
 
-    report(3 * w + 6, 2, "pre_defined", Render::i32(fields.u16(3 * w + 6), valueBase));
+    reportField(offset + 3 * w + 6, 2, "pre_defined",
+                Render::i32(fields.u16(3 * w + 6), valueBase));
     return ParseOk;
 }

@@ -36,34 +36,31 @@ int ContainerMP4::parseBoxMVHD(quint64 offset, quint64 /*size*/)
         return ParseTruncated;
 
     FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
-    auto report = [&](quint64 position, quint64 size, const char *name, const QString &value,
-                      const QString &comment) {
-        addField(false, offset + position, 0, size, QString::fromLatin1(name), value, QString(),
-                 comment, -1);
-    };
     auto renderUnsigned = [this](quint32 word) { return Render::u32(word, valueBase); };
     auto renderSigned = [this](quint32 word) { return Render::i32(qint32(word), valueBase); };
 
     const quint64 creation = movieTime(fields.wide(0, w));
-    report(0, w, "creation_time", Render::u64(creation, valueBase), dateText(creation));
+    reportField(offset, w, "creation_time", Render::u64(creation, valueBase), dateText(creation));
     const quint64 modification = movieTime(fields.wide(w, w));
-    report(w, w, "modification_time", Render::u64(modification, valueBase), dateText(modification));
+    reportField(offset + w, w, "modification_time", Render::u64(modification, valueBase),
+                dateText(modification));
     const quint32 timescale = fields.u32(2 * w);
-    report(2 * w, 4, "timescale", Render::u32(timescale, valueBase),
-           QStringLiteral("in 1/%1 s").arg(qulonglong(timescale)));
-    report(2 * w + 4, w, "duration", Render::u64(fields.wide(2 * w + 4, w), valueBase), QString());
+    reportField(offset + 2 * w, 4, "timescale", Render::u32(timescale, valueBase),
+                QStringLiteral("in 1/%1 s").arg(qulonglong(timescale)));
+    reportField(offset + 2 * w + 4, w, "duration",
+                Render::u64(fields.wide(2 * w + 4, w), valueBase));
 
     const quint32 rate = fields.u32(3 * w + 4);
-    report(3 * w + 4, 4, "rate", Render::fixedPoint(qint16(rate >> 16), qint16(rate), valueBase),
-           QString());
-    report(3 * w + 8, 2, "volume", HeaderFields::volume(fields.u16(3 * w + 8), valueBase),
-           QString());
-    report(3 * w + 10, 2, "reserved", Render::i32(fields.u16(3 * w + 10), valueBase), QString());
-    report(3 * w + 12, 8, "reserved", fields.words(3 * w + 12, 2, renderUnsigned), QString());
-    report(3 * w + 20, 36, "transformation_matrix", fields.words(3 * w + 20, 9, renderUnsigned),
-           QStringLiteral("(u, v, w)"));
-    report(3 * w + 56, 24, "pre_defined", fields.words(3 * w + 56, 6, renderSigned), QString());
-    report(3 * w + 80, 4, "next_track_ID", Render::u32(fields.u32(3 * w + 80), valueBase),
-           QString());
+    reportField(offset + 3 * w + 4, 4, "rate",
+                Render::fixedPoint(qint16(rate >> 16), qint16(rate), valueBase));
+    reportField(offset + 3 * w + 8, 2, "volume",
+                HeaderFields::volume(fields.u16(3 * w + 8), valueBase));
+    reportField(offset + 3 * w + 10, 2, "reserved", Render::i32(fields.u16(3 * w + 10), valueBase));
+    reportField(offset + 3 * w + 12, 8, "reserved", fields.words(3 * w + 12, 2, renderUnsigned));
+    reportField(offset + 3 * w + 20, 36, "transformation_matrix",
+                fields.words(3 * w + 20, 9, renderUnsigned), QStringLiteral("(u, v, w)"));
+    reportField(offset + 3 * w + 56, 24, "pre_defined", fields.words(3 * w + 56, 6, renderSigned));
+    reportField(offset + 3 * w + 80, 4, "next_track_ID",
+                Render::u32(fields.u32(3 * w + 80), valueBase));
     return ParseOk;
 }

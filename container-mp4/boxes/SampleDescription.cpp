@@ -42,15 +42,9 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         return ParseOk;
 
     auto swap = [this](void *data, quint8 width) { swapBytes(data, width); };
-    auto report = [this](quint64 position, quint64 width, const char *name, const QString &value,
-                         const char *comment) {
-        addField(false, position, 0, width, QString::fromLatin1(name), value, QString(),
-                 QString::fromLatin1(comment), -1);
-    };
-
     FieldBlock<decltype(swap)> header(payload.get(), swap);
     const quint32 entryCount = header.u32(0);
-    report(offset, 4, "entry_count", Render::u32(entryCount, valueBase), "");
+    reportField(offset, 4, "entry_count", Render::u32(entryCount, valueBase));
 
     const quint64 boxEnd = size > std::numeric_limits<quint64>::max() - offset
                                ? std::numeric_limits<quint64>::max()
@@ -63,13 +57,13 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         const quint64 entryStart = offset + at;
         const quint32 entrySize = entry.u32(0);
         beginElement(entryStart, entrySize, QStringLiteral("sample_entry"), i);
-        report(entryStart, 4, "size", Render::u32(entrySize, sizeBase), "");
+        reportField(entryStart, 4, "size", Render::u32(entrySize, sizeBase));
         const QString type = Render::latin1Text(reinterpret_cast<const char *>(bytes) + 4, 4);
-        report(entryStart + 4, 4, "type", type, "");
+        reportField(entryStart + 4, 4, "type", type);
 
         if (currentTrackType != 0) {
-            report(entryStart + 8, entrySize >= 8 ? entrySize - 8 : 0, "specific_config_data",
-                   QString(), "");
+            reportField(entryStart + 8, entrySize >= 8 ? entrySize - 8 : 0, "specific_config_data",
+                        QString());
             endElement();
             break;
         }
@@ -82,7 +76,7 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         // Fixed fields cut off by the end of the input: what is there is shown as data.
         if (at + VisualEntrySize > decoded) {
             if (decoded > at + 8)
-                report(entryStart + 8, decoded - at - 8, "data", QString(), "");
+                reportField(entryStart + 8, decoded - at - 8, "data", QString());
             endElement();
             break;
         }
@@ -92,28 +86,30 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
                         QString::fromLatin1(comment));
         };
         auto number = [&](quint64 position, quint64 width, const char *name, qint32 value,
-                          const char *comment) {
-            report(entryStart + position, width, name, Render::i32(value, valueBase), comment);
+                          const char *comment = "") {
+            reportField(entryStart + position, width, name, Render::i32(value, valueBase),
+                        QString::fromLatin1(comment));
         };
         raw(8, 6, "reserved", "default 0");
-        number(14, 2, "data_reference_index", entry.u16(14), "");
+        number(14, 2, "data_reference_index", entry.u16(14));
         number(16, 2, "pre_defined", entry.u16(16), "default 0");
         number(18, 2, "reserved", entry.u16(18), "default 0");
         raw(20, 12, "pre_defined", "default 0");
         const quint16 width = entry.u16(32);
-        number(32, 2, "width", width, "");
+        number(32, 2, "width", width);
         if (stream)
             stream->width = width;
         const quint16 height = entry.u16(34);
-        number(34, 2, "height", height, "");
+        number(34, 2, "height", height);
         if (stream)
             stream->height = height;
         raw(36, 4, "horizresolution", "default 0x00480000 (72 dpi)");
         raw(40, 4, "vertresolution", "default 0x00480000 (72 dpi)");
-        report(entryStart + 44, 4, "reserved", Render::u32(entry.u32(44), valueBase), "default 0");
+        reportField(entryStart + 44, 4, "reserved", Render::u32(entry.u32(44), valueBase),
+                    "default 0");
         number(48, 2, "frame_count", entry.u16(48), "default 1");
-        report(entryStart + 50, 32, "compressorname",
-               Render::latin1Text(reinterpret_cast<const char *>(bytes) + 50, 32), "");
+        reportField(entryStart + 50, 32, "compressorname",
+                    Render::latin1Text(reinterpret_cast<const char *>(bytes) + 50, 32));
         number(82, 2, "depth", entry.u16(82), "default 24 (0x18)");
         number(84, 2, "pre_defined", entry.i16(84), "default -1");
 
@@ -124,7 +120,7 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         if (tailStart < tailEnd) {
             const quint64 tailSize = tailEnd - tailStart;
             if (tailSize < SmallestWalkedTail) {
-                report(tailStart, tailSize, "data", QString(), "");
+                reportField(tailStart, tailSize, "data", QString());
             } else {
                 beginElement(tailStart, tailSize, QStringLiteral("specific_config_data"), -1);
                 const quint64 savedOffset = currentOffset;

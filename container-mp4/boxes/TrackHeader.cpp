@@ -15,37 +15,32 @@ int ContainerMP4::parseBoxTKHD(quint64 offset, quint64 /*size*/)
         return ParseTruncated;
 
     FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
-    auto report = [&](quint64 position, quint64 size, const char *name, const QString &value,
-                      const QString &comment) {
-        addField(false, offset + position, 0, size, QString::fromLatin1(name), value, QString(),
-                 comment, -1);
-    };
     // Unsigned 16.16: a half of 0x8000 or more stays positive.
     auto sizeText = [this](quint32 value) {
         return Render::fixedPoint(value >> 16, value & 0xFFFF, valueBase);
     };
 
-    report(0, w, "creation_time", Render::u64(fields.wide(0, w), valueBase), QString());
-    report(w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase), QString());
-    report(2 * w, 4, "track_id", Render::u32(fields.u32(2 * w), valueBase), QString());
-    report(2 * w + 4, 4, "reserved", Render::u32(fields.u32(2 * w + 4), valueBase), QString());
-    report(2 * w + 8, w, "duration", Render::u64(fields.wide(2 * w + 8, w), valueBase), QString());
-    report(
-        3 * w + 8, 8, "reserved",
-        fields.words(3 * w + 8, 2, [this](quint32 word) { return Render::u32(word, valueBase); }),
-        QString());
-    report(3 * w + 16, 2, "layer", Render::i32(fields.i16(3 * w + 16), valueBase), QString());
-    report(3 * w + 18, 2, "alternate_group", Render::i32(fields.i16(3 * w + 18), valueBase),
-           QString());
-    report(3 * w + 20, 2, "volume", HeaderFields::volume(fields.u16(3 * w + 20), valueBase),
-           QString());
-    report(3 * w + 22, 2, "reserved", Render::i32(fields.u16(3 * w + 22), valueBase), QString());
+    reportField(offset, w, "creation_time", Render::u64(fields.wide(0, w), valueBase));
+    reportField(offset + w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase));
+    reportField(offset + 2 * w, 4, "track_id", Render::u32(fields.u32(2 * w), valueBase));
+    reportField(offset + 2 * w + 4, 4, "reserved", Render::u32(fields.u32(2 * w + 4), valueBase));
+    reportField(offset + 2 * w + 8, w, "duration",
+                Render::u64(fields.wide(2 * w + 8, w), valueBase));
+    reportField(offset + 3 * w + 8, 8, "reserved", fields.words(3 * w + 8, 2, [this](quint32 word) {
+        return Render::u32(word, valueBase);
+    }));
+    reportField(offset + 3 * w + 16, 2, "layer", Render::i32(fields.i16(3 * w + 16), valueBase));
+    reportField(offset + 3 * w + 18, 2, "alternate_group",
+                Render::i32(fields.i16(3 * w + 18), valueBase));
+    reportField(offset + 3 * w + 20, 2, "volume",
+                HeaderFields::volume(fields.u16(3 * w + 20), valueBase));
+    reportField(offset + 3 * w + 22, 2, "reserved", Render::i32(fields.u16(3 * w + 22), valueBase));
     // Signed here, unlike the same matrix in the movie header.
-    report(3 * w + 24, 36, "transformation_matrix",
-           fields.words(3 * w + 24, 9,
-                        [this](quint32 word) { return Render::i32(qint32(word), valueBase); }),
-           QStringLiteral("(u, v, w)"));
-    report(3 * w + 60, 4, "width", sizeText(fields.u32(3 * w + 60)), QString());
-    report(3 * w + 64, 4, "height", sizeText(fields.u32(3 * w + 64)), QString());
+    reportField(offset + 3 * w + 24, 36, "transformation_matrix",
+                fields.words(3 * w + 24, 9,
+                             [this](quint32 word) { return Render::i32(qint32(word), valueBase); }),
+                QStringLiteral("(u, v, w)"));
+    reportField(offset + 3 * w + 60, 4, "width", sizeText(fields.u32(3 * w + 60)));
+    reportField(offset + 3 * w + 64, 4, "height", sizeText(fields.u32(3 * w + 64)));
     return ParseOk;
 }
