@@ -188,11 +188,9 @@ QString packetsOf(const ReportTree::Stream &stream)
     QString text;
     for (int i = 0; i < stream.samples.size(); ++i) {
         const Sample &sample = stream.samples[i];
-        text += QStringLiteral("%1 %2 %3 %4\n")
-                    .arg(sample.offset)
-                    .arg(sample.size)
-                    .arg(sample.keyFrame)
-                    .arg(i ? qint64(sample.dts - stream.samples[i - 1].dts) : 0);
+        const qint64 step = i ? qint64(sample.dts) - qint64(stream.samples[i - 1].dts) : 0;
+        text += QString::asprintf("%llu %llu %u %lld\n", qulonglong(sample.offset),
+                                  qulonglong(sample.size), uint(sample.keyFrame), step);
     }
     return text;
 }

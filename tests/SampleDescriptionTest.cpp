@@ -51,13 +51,9 @@ QString described(const QByteArray &input, bool fixedFields, int valueBase = 10)
     }
     for (const ReportTree::Stream &stream : report.streams) {
         const StreamInfo &info = stream.info;
-        text += QStringLiteral("stream %1: codec %2, %3x%4, configuration @%5+%6\n")
-                    .arg(stream.index)
-                    .arg(info.codecId)
-                    .arg(info.width)
-                    .arg(info.height)
-                    .arg(info.configOffset)
-                    .arg(info.configSize);
+        text += QString::asprintf("stream %d: codec %d, %dx%d, configuration @%llu+%llu\n",
+                                  stream.index, info.codecId, info.width, info.height,
+                                  qulonglong(info.configOffset), qulonglong(info.configSize));
     }
     return text;
 }

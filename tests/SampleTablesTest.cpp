@@ -20,16 +20,16 @@ TEST(SampleTables, ReportEveryEntryThatLiesInsideTheBoxAndTheInput)
         // Entries as elements or as indexed fields; offsets unsigned; a constant sample size
         // without entries.
         {"every-table",
-         cat({table("stts", {{3, 5}, {0, 9}}), stss({1, 5}), table("stsc", {{1, 2, 1}, {3, 1, 2}}),
-              stco({400, 0xFFFFFFFF}), co64({0x100000000}), stsz({7, 9}),
-              fullBox("stsz", 0, 0, words32({100, 5, 1, 2}))})},
+         cat({table("stts", {{3, 5}, {0, 9}}), counted("stss", {1, 5}),
+              table("stsc", {{1, 2, 1}, {3, 1, 2}}), counted("stco", {400, 0xFFFFFFFF}),
+              co64({0x100000000}), stsz({7, 9}), fullBox("stsz", 0, 0, words32({100, 5, 1, 2}))})},
         // An empty table, a count and a constant size cut off by the box, a count beyond the box,
         // and entries cut off by the end of the input.
         {"short-tables",
-         cat({stco({}), fullBox("stts", 0, 0, u16(7)), fullBox("stsz", 0, 0, u32(0)),
+         cat({counted("stco", {}), fullBox("stts", 0, 0, u16(7)), fullBox("stsz", 0, 0, u32(0)),
               fullBox("stss", 0, 0, words32({5, 1, 2})), box("free", words32({3, 4})), u32(100),
               text("stco"), zeros(4), words32({3, 1, 2}), u16(0)})},
-        {"stco-base16", stco({255})},
+        {"stco-base16", counted("stco", {255})},
     };
     for (const auto &[name, input] : cases) {
         ContainerAbstract::Settings settings;
@@ -73,14 +73,14 @@ TEST(SampleTables, VideoTrackRecordsEachTableInItsBufferLayout)
         // Runs expand to one delta per sample; a second table goes on behind the first.
         {table("stts", {{3, 5}, {0, 9}, {2, 7}}), "samples 0, time to sample: 5 5 5 7 7"},
         {table("stts", {{2, 5}}) + table("stts", {{1, 8}}), "samples 0, time to sample: 5 5 8"},
-        {stss({1, 5}), "samples 0, sync samples: 1 5"},
+        {counted("stss", {1, 5}), "samples 0, sync samples: 1 5"},
         // The count, then the records; a second table starts the buffer over.
         {table("stsc", {{1, 2, 1}, {3, 1, 2}}), "samples 0, sample to chunk: 2 1 2 1 3 1 2"},
         {table("stsc", {}), "samples 0, sample to chunk: 0"},
         {table("stsc", {{1, 2, 1}, {3, 1, 2}}) + table("stsc", {{5, 6, 7}}),
          "samples 0, sample to chunk: 1 5 6 7 3 1 2"},
         // stco and co64 share one buffer of unsigned 8-byte offsets, in box order.
-        {cat({stco({0xFFFFFFFF}), co64({0x200000000}), stco({900})}),
+        {cat({counted("stco", {0xFFFFFFFF}), co64({0x200000000}), counted("stco", {900})}),
          "samples 0, chunk offsets: 4294967295 8589934592 900"},
         // The count, then a size per sample or one constant size; a second table starts over.
         {stsz({10, 20, 30}), "samples 3, sample sizes: 3 10 20 30"},
@@ -101,12 +101,13 @@ TEST(SampleTables, VideoTrackRecordsEachTableInItsBufferLayout)
 TEST(SampleTables, EachTrakOpensTheStreamOfItsIndex)
 {
     const QByteArray otherTables =
-        cat({table("stts", {{3, 5}}), stss({1}), table("stsc", {{1, 3, 1}}), stco({400}),
-             co64({900}), stsz({10, 20, 30})});
+        cat({table("stts", {{3, 5}}), counted("stss", {1}), table("stsc", {{1, 3, 1}}),
+             counted("stco", {400}), co64({900}), stsz({10, 20, 30})});
     KeptParse kept(box(
         "moov",
-        cat({trackBox("vide", cat({stszConstant(100, 5), stsz({7, 8}), stco({400})})), box("trak"),
-             trackBox("vide", cat({stsz({5, 6}), stco({900})})), trackBox("soun", otherTables)})));
+        cat({trackBox("vide", cat({stszConstant(100, 5), stsz({7, 8}), counted("stco", {400})})),
+             box("trak"), trackBox("vide", cat({stsz({5, 6}), counted("stco", {900})})),
+             trackBox("soun", otherTables)})));
     const TestParser &parser = kept.parser;
     ASSERT_EQ(parser.sampleOutputs.size(), 4);
     EXPECT_EQ(parser.streams.size(), 4);
@@ -136,8 +137,9 @@ TEST(SampleTables, OnlyATrakWhoseBoxesAreWalkedOpensAStream)
     QByteArray tooDeep = box("trak");
     for (int level = 0; level < 64; ++level)
         tooDeep = box("moov", tooDeep);
-    for (const QByteArray &input : {cat({handlerBox("vide"), stsz({10, 20}), stco({400})}),
-                                    cat({u32(4), text("trak")}), tooDeep}) {
+    for (const QByteArray &input :
+         {cat({handlerBox("vide"), stsz({10, 20}), counted("stco", {400})}),
+          cat({u32(4), text("trak")}), tooDeep}) {
         KeptParse kept(input);
         EXPECT_TRUE(kept.parser.streams.isEmpty());
         EXPECT_TRUE(kept.parser.sampleOutputs.isEmpty());
@@ -174,9 +176,11 @@ TEST(SampleTables, CountsTheBoxDoesNotBackEndSmall)
         {fullBox("stsd", 0, 0, cat({u32(MaxCount), zeros(100)})), 1}, // entry sizes zero
         // A time-to-sample run and a constant size for all samples.
         {cat({table("stts", {{MaxCount, 1}}), stszConstant(10, MaxCount),
-              table("stsc", {{1, MaxCount, 1}}), stco({0})}),
+              table("stsc", {{1, MaxCount, 1}}), counted("stco", {0})}),
          1},
-        {cat({stszConstant(1000, MaxCount), table("stsc", {{1, MaxCount, 1}}), stco({0})}), 0},
+        {cat({stszConstant(1000, MaxCount), table("stsc", {{1, MaxCount, 1}}),
+              counted("stco", {0})}),
+         0},
     };
     for (const auto &[tables, expectedEntries] : cases) {
         const QString type = QString::fromLatin1(tables.mid(4, 4));

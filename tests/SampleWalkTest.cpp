@@ -17,14 +17,10 @@ QString samplesText(const ReportTree::Stream &stream)
     QString text;
     for (int i = 0; i < stream.samples.size(); ++i) {
         const Sample &s = stream.samples[i];
-        text += QStringLiteral("%1 %2 %3 %4 %5 %6 %7\n")
-                    .arg(stream.sampleIndexes[i])
-                    .arg(s.offset)
-                    .arg(s.size)
-                    .arg(s.dts)
-                    .arg(s.pts)
-                    .arg(s.duration)
-                    .arg(s.keyFrame);
+        text += QString::asprintf("%llu %llu %llu %llu %llu %llu %u\n",
+                                  qulonglong(stream.sampleIndexes[i]), qulonglong(s.offset),
+                                  qulonglong(s.size), qulonglong(s.dts), qulonglong(s.pts),
+                                  qulonglong(s.duration), uint(s.keyFrame));
     }
     return text;
 }
@@ -39,9 +35,9 @@ QString videoSamples(const QByteArray &tables)
 
 TEST(SampleWalk, WorkedExampleOfTwoChunksAndThreeSamples)
 {
-    EXPECT_EQ(videoSamples(cat({table("stts", {{2, 5}, {1, 7}}), stss({1, 3}),
+    EXPECT_EQ(videoSamples(cat({table("stts", {{2, 5}, {1, 7}}), counted("stss", {1, 3}),
                                 table("stsc", {{1, 2, 1}, {2, 1, 1}}), stsz({10, 20, 30}),
-                                stco({400, 900})})),
+                                counted("stco", {400, 900})})),
               "0 400 10 0 0 5 1\n"
               "1 410 20 5 5 5 0\n"
               "2 900 30 10 10 7 1\n");
@@ -53,56 +49,63 @@ TEST(SampleWalk, CraftedTables)
     const std::pair<const char *, QByteArray> cases[] = {
         // Chunks and sample-to-chunk records.
         {"first record holds from chunk one whatever its first chunk",
-         cat({table("stsc", {{3, 2, 1}}), stco({100, 200}), stsz({1, 2, 3, 4}),
+         cat({table("stsc", {{3, 2, 1}}), counted("stco", {100, 200}), stsz({1, 2, 3, 4}),
               table("stts", {{4, 10}})})},
         {"middle chunk without samples uses up its offset",
-         cat({table("stsc", {{1, 1, 1}, {2, 0, 1}, {3, 1, 1}}), stco({100, 200, 300}), stsz({5, 6}),
-              table("stts", {{2, 1}}), stss({1})})},
+         cat({table("stsc", {{1, 1, 1}, {2, 0, 1}, {3, 1, 1}}), counted("stco", {100, 200, 300}),
+              stsz({5, 6}), table("stts", {{2, 1}}), counted("stss", {1})})},
         {"record behind its chunk is never taken up",
-         cat({table("stsc", {{1, 1, 1}, {1, 3, 1}, {3, 2, 1}}), stco({100, 200, 300, 400}),
-              stszConstant(1, 4)})},
+         cat({table("stsc", {{1, 1, 1}, {1, 3, 1}, {3, 2, 1}}),
+              counted("stco", {100, 200, 300, 400}), stszConstant(1, 4)})},
         {"stco and co64 chunks in box order",
-         cat({table("stsc", {{1, 1, 1}}), stco({100}), co64({0x100000000}), stsz({1, 2})})},
+         cat({table("stsc", {{1, 1, 1}}), counted("stco", {100}), co64({0x100000000}),
+              stsz({1, 2})})},
         // Sizes.
         {"constant size advances every offset by it",
-         cat({stszConstant(100, 3), table("stsc", {{1, 3, 1}}), stco({1000}),
+         cat({stszConstant(100, 3), table("stsc", {{1, 3, 1}}), counted("stco", {1000}),
               table("stts", {{3, 2}})})},
         {"one sample of its own size reads like a constant size",
-         cat({stsz({77}), table("stsc", {{1, 1, 1}}), stco({50}), table("stts", {{1, 3}})})},
-        {"short size table keeps the last size", cat({fullBox("stsz", 0, 0, words32({0, 3, 4, 6})),
-                                                      table("stsc", {{1, 3, 1}}), stco({10})})},
+         cat({stsz({77}), table("stsc", {{1, 1, 1}}), counted("stco", {50}),
+              table("stts", {{1, 3}})})},
+        {"short size table keeps the last size",
+         cat({fullBox("stsz", 0, 0, words32({0, 3, 4, 6})), table("stsc", {{1, 3, 1}}),
+              counted("stco", {10})})},
         // Times.
         {"no time-to-sample table gives zero times",
-         cat({stsz({1, 2}), table("stsc", {{1, 2, 1}}), stco({10})})},
+         cat({stsz({1, 2}), table("stsc", {{1, 2, 1}}), counted("stco", {10})})},
         {"short time-to-sample table keeps the last delta",
-         cat({stsz({1, 1, 1}), table("stsc", {{1, 3, 1}}), stco({10}), table("stts", {{1, 5}})})},
-        {"times wrap at 32 bits", cat({stszConstant(1, 3), table("stsc", {{1, 3, 1}}), stco({10}),
-                                       table("stts", {{3, 0x80000000}})})},
+         cat({stsz({1, 1, 1}), table("stsc", {{1, 3, 1}}), counted("stco", {10}),
+              table("stts", {{1, 5}})})},
+        {"times wrap at 32 bits", cat({stszConstant(1, 3), table("stsc", {{1, 3, 1}}),
+                                       counted("stco", {10}), table("stts", {{3, 0x80000000}})})},
         // Key frames.
-        {"empty sync table flags no sample",
-         cat({stszConstant(1, 2), table("stsc", {{1, 2, 1}}), stco({10}), stss({})})},
-        {"sync number zero flags no sample",
-         cat({stszConstant(1, 2), table("stsc", {{1, 2, 1}}), stco({10}), stss({0, 2})})},
+        {"empty sync table flags no sample", cat({stszConstant(1, 2), table("stsc", {{1, 2, 1}}),
+                                                  counted("stco", {10}), counted("stss", {})})},
+        {"sync number zero flags no sample", cat({stszConstant(1, 2), table("stsc", {{1, 2, 1}}),
+                                                  counted("stco", {10}), counted("stss", {0, 2})})},
         {"sync number not above the last ends the flags",
-         cat({stszConstant(1, 4), table("stsc", {{1, 4, 1}}), stco({10}), stss({2, 2, 3})})},
+         cat({stszConstant(1, 4), table("stsc", {{1, 4, 1}}), counted("stco", {10}),
+              counted("stss", {2, 2, 3})})},
         // Ends of a stream.
         {"chunk passing the count is cut at it",
-         cat({stsz({1, 2, 3}), table("stsc", {{1, 2, 1}}), stco({100, 200})})},
+         cat({stsz({1, 2, 3}), table("stsc", {{1, 2, 1}}), counted("stco", {100, 200})})},
         {"count zero with empty chunks ends at once",
-         cat({stsz({}), table("stsc", {{1, 0, 1}}), stco({100})})},
+         cat({stsz({}), table("stsc", {{1, 0, 1}}), counted("stco", {100})})},
         {"count zero reports no sample of a full chunk",
-         cat({stsz({}), table("stsc", {{1, 2, 1}}), stco({100})})},
+         cat({stsz({}), table("stsc", {{1, 2, 1}}), counted("stco", {100})})},
         {"used-up chunk offsets end the stream",
-         cat({stszConstant(5, 10), table("stsc", {{1, 2, 1}}), stco({100})})},
+         cat({stszConstant(5, 10), table("stsc", {{1, 2, 1}}), counted("stco", {100})})},
         {"no chunk can hold a sample any more",
-         cat({stszConstant(5, 10), table("stsc", {{1, 1, 1}, {2, 0, 1}}), stco({100, 200, 300})})},
+         cat({stszConstant(5, 10), table("stsc", {{1, 1, 1}, {2, 0, 1}}),
+              counted("stco", {100, 200, 300})})},
         // Missing tables.
-        {"no sample-to-chunk table", cat({stszConstant(5, 2), stco({100})})},
-        {"empty sample-to-chunk table", cat({stszConstant(5, 2), table("stsc", {}), stco({100})})},
+        {"no sample-to-chunk table", cat({stszConstant(5, 2), counted("stco", {100})})},
+        {"empty sample-to-chunk table",
+         cat({stszConstant(5, 2), table("stsc", {}), counted("stco", {100})})},
         {"no chunk offset table", cat({stszConstant(5, 2), table("stsc", {{1, 2, 1}})})},
-        {"no sample size table", cat({table("stsc", {{1, 2, 1}}), stco({100})})},
-        {"size table without its sizes",
-         cat({fullBox("stsz", 0, 0, words32({0, 2})), table("stsc", {{1, 2, 1}}), stco({100})})},
+        {"no sample size table", cat({table("stsc", {{1, 2, 1}}), counted("stco", {100})})},
+        {"size table without its sizes", cat({fullBox("stsz", 0, 0, words32({0, 2})),
+                                              table("stsc", {{1, 2, 1}}), counted("stco", {100})})},
     };
     QString all;
     for (const auto &[name, tables] : cases)
@@ -112,7 +115,8 @@ TEST(SampleWalk, CraftedTables)
 
 TEST(SampleWalk, StreamsKeepTheirIndexAndCountTheirSamplesFromZero)
 {
-    const QByteArray video = cat({stszConstant(7, 2), table("stsc", {{1, 2, 1}}), stco({100})});
+    const QByteArray video =
+        cat({stszConstant(7, 2), table("stsc", {{1, 2, 1}}), counted("stco", {100})});
     const ReportTree report =
         parseReport(box("moov", cat({trackBox("vide", video), trackBox("soun", video), box("trak"),
                                      trackBox("vide", video)})));
@@ -128,7 +132,7 @@ TEST(SampleWalk, StreamsKeepTheirIndexAndCountTheirSamplesFromZero)
 TEST(SampleWalk, AllStreamsTogetherReportAtMostOneSamplePerInputByte)
 {
     const QByteArray endless =
-        cat({stszConstant(1, MaxCount), table("stsc", {{1, MaxCount, 1}}), stco({0})});
+        cat({stszConstant(1, MaxCount), table("stsc", {{1, MaxCount, 1}}), counted("stco", {0})});
     const QByteArray input =
         box("moov", cat({trackBox("vide", endless), trackBox("vide", endless)}));
     const ReportTree report = parseReport(input);

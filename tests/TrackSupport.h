@@ -49,14 +49,10 @@ inline QByteArray table(const char *type, std::initializer_list<Words> entries)
     return bytes::fullBox(type, 0, 0, all);
 }
 
-inline QByteArray stss(Words numbers)
+// A table of version 0 whose entries are single words ("stss", "stco").
+inline QByteArray counted(const char *type, Words values)
 {
-    return bytes::fullBox("stss", 0, 0, bytes::u32(quint32(numbers.size())) + words32(numbers));
-}
-
-inline QByteArray stco(Words offsets)
-{
-    return bytes::fullBox("stco", 0, 0, bytes::u32(quint32(offsets.size())) + words32(offsets));
+    return bytes::fullBox(type, 0, 0, bytes::u32(quint32(values.size())) + words32(values));
 }
 
 inline QByteArray co64(std::initializer_list<quint64> offsets)
@@ -90,10 +86,7 @@ struct KeptParse {
     QByteArray buffer(const QVector<QIODevice *> &tables, int stream) const
     {
         QIODevice *device = tables.value(stream);
-        if (!device)
-            return QByteArray();
-        device->seek(0);
-        return device->readAll();
+        return device && device->seek(0) ? device->readAll() : QByteArray();
     }
 
     TestParser parser;
