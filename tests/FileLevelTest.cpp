@@ -87,6 +87,12 @@ struct UnknownDataCase {
     const char *data; // expected "data" field line, or "" for none
 };
 
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const UnknownDataCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
+
 class UnknownData : public ::testing::TestWithParam<UnknownDataCase> {};
 
 TEST_P(UnknownData, ShowsCappedCleanedBytes)
