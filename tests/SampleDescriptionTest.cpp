@@ -141,7 +141,7 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
 
 TEST(SampleDescription, TypeOfTheLastEntrySetsTheCodecWhenItIsKnown)
 {
-    // The first entry gives MPEG-4 Part 2; a second of an unknown type leaves it.
+    // The first entry gives MPEG-4 Visual; a second of an unknown type leaves it.
     const std::pair<const char *, int> codecs[] = {
         {"avc1", 28}, {"mp4v", 13}, {"s263", 5}, {"AVC1", 13}, {"hvc1", 13}};
     for (const auto &[type, codecId] : codecs) {

@@ -17,7 +17,7 @@ int codecIdOf(const QString &type)
     if (type == QLatin1String("avc1"))
         return 28; // H.264
     if (type == QLatin1String("mp4v"))
-        return 13; // MPEG-4 Part 2
+        return 13; // MPEG-4 Visual
     if (type == QLatin1String("s263"))
         return 5; // H.263
     return -1;

@@ -4,7 +4,7 @@
 #
 #   track-h264-bframes.mp4     H.264 with B-frames, moov behind mdat
 #   track-h264-faststart.mp4   H.264 without B-frames, moov in front of mdat
-#   track-mpeg4.mp4            MPEG-4 Part 2, moov behind mdat
+#   track-mpeg4.mp4            MPEG-4 Visual, moov behind mdat
 #   track-aac-h264.mp4         AAC audio as the first track and H.264 video as the second
 #
 # Bit-exact flags keep the bytes the same from run to run with the same FFmpeg; the x264
