@@ -148,20 +148,20 @@ void TextWriter::setElementSize(quint64 size)
 
 void TextWriter::setElementNote(const QString &note)
 {
-    if (depth == 0)
-        return;
-    beginChildLine();
-    out.appendLiteral("note: ");
-    text(note);
-    out.put('\n');
+    writeElementLine("note: ", note);
 }
 
 void TextWriter::setElementValue(const QString &value)
 {
+    writeElementLine("value: ", value);
+}
+
+void TextWriter::writeElementLine(const char *label, const QString &value)
+{
     if (depth == 0)
         return;
     beginChildLine();
-    out.appendLiteral("value: ");
+    out.append(label, qstrlen(label));
     text(value);
     out.put('\n');
 }

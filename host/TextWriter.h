@@ -53,6 +53,8 @@ private:
     void writePendingHeader();
     // Starts a line inside the innermost open element.
     void beginChildLine();
+    // A line of the innermost open element: its note or its value after a label.
+    void writeElementLine(const char *label, const QString &value);
     void writeStreamLine(bool withCount);
     void writeSampleCount();
     void writeSampleTableHeader();
