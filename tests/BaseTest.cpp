@@ -16,7 +16,6 @@ TEST(InputDevice, ReadsClampToTheInputAndLeaveTheRestAlone)
         content[i] = char(i * 7);
     file.write(content);
     file.flush();
-
     InputDevice fromFile;
     QString error;
     ASSERT_TRUE(fromFile.openFile(file.fileName(), &error));
@@ -25,8 +24,8 @@ TEST(InputDevice, ReadsClampToTheInputAndLeaveTheRestAlone)
 
     for (InputDevice *input : {&fromFile, &fromMemory}) {
         EXPECT_EQ(input->size(), content.size());
-        // Reads across the window boundary and far seeks deliver the file's bytes.
-        for (qint64 at : {0LL, 65530LL, 131072LL, 199990LL, 70000LL}) {
+        // Across the file's read window and back: the file's bytes, the position behind them.
+        for (qint64 at : {65530LL, 199990LL, 70000LL}) {
             char buffer[16];
             input->seek(at);
             const qint64 want = qMin<qint64>(16, content.size() - at);
@@ -43,16 +42,6 @@ TEST(InputDevice, ReadsClampToTheInputAndLeaveTheRestAlone)
         EXPECT_EQ(input->readBytes(buffer, 1LL << 40), 0);
         EXPECT_EQ(buffer[0], content[content.size() - 3]);
     }
-}
-
-TEST(InputDevice, OpenFailuresSayWhy)
-{
-    InputDevice input;
-    QString error;
-    EXPECT_FALSE(input.openFile("/no/such/file.mp4", &error));
-    EXPECT_EQ(error, "no such file");
-    EXPECT_FALSE(input.openFile("/tmp", &error));
-    EXPECT_EQ(error, "is a directory");
 }
 
 namespace {
@@ -73,7 +62,6 @@ public:
     using ContainerAbstract::setElementOffset;
     using ContainerAbstract::setElementSize;
     using ContainerAbstract::streams;
-    using ContainerAbstract::swapBytes;
 
 protected:
     int verifyContainerFormat(const QString &) override { return ParseOk; }
@@ -89,78 +77,50 @@ protected:
         return ParseOk;
     }
 };
-
-void field(ScriptedParser &p, const char *name, quint64 offset = 0, quint64 size = 0)
-{
-    p.addField(false, offset, 0, size, name, QString(), QString(), QString(), -1);
-}
 } // namespace
 
-TEST(Base, ReportModelKeepsCallOrderAndNesting)
+TEST(Base, ReportModelKeepsCallOrderNestingAndStreams)
 {
     ScriptedParser parser;
     parser.script = [](ScriptedParser &p) {
         const qint64 before = p.input.pos();
+        const auto field = [&](const char *name, quint64 offset) {
+            p.addField(false, offset, 0, 0, name, QString(), QString(), QString(), -1);
+        };
         p.beginElement(0, 10, "outer", -1);
-        field(p, "same");
-        field(p, "same");
+        field("same", 0);
+        field("same", 0);
         p.beginListEntry("entry", 3);
         p.setElementOffset(4);
         p.setElementSize(2);
-        field(p, "inner", 4, 0);
+        field("inner", 4);
         p.endElement();
-        field(p, "after");
+        field("after", 0);
         const quint8 raw[] = {0xAB, 0x01};
         p.addRawField(5, 2, raw, "raw", "c");
         p.endElement();
         EXPECT_EQ(p.input.pos(), before);
-    };
-    ReportTree report;
-    parser.parseBytes("x", QByteArray(10, 'x'), report);
-    expectGolden("Base/report-model", dump(report));
-    EXPECT_EQ(report.openElements(), 0);
-    EXPECT_EQ(report.reportsBegun, 1);
-    EXPECT_EQ(report.reportsEnded, 1);
-    EXPECT_EQ(report.fileSize, 10u);
-}
-
-TEST(Base, SwapBytesConvertsInPlace)
-{
-    ScriptedParser parser;
-    quint64 wide = 0;
-    const unsigned char word[4] = {0x12, 0x34, 0x56, 0x78};
-    std::memcpy(&wide, word, 4);
-    parser.swapBytes(&wide, 4);
-    EXPECT_EQ(wide, 0x12345678u);
-    unsigned char odd[3] = {1, 2, 3};
-    parser.swapBytes(odd + 0, 3);
-    EXPECT_EQ(odd[0], 3);
-    EXPECT_EQ(odd[2], 1);
-}
-
-TEST(Base, SamplesReachTheSinkStreamByStream)
-{
-    ScriptedParser parser;
-    parser.script = [](ScriptedParser &p) {
-        p.openStream();
-        p.openStream();
-        p.openStream();
+        // Samples reach the sink only for the stream that asked for them.
+        for (int stream = 0; stream < 3; ++stream)
+            p.openStream();
         p.streams[1]->width = 320;
         p.enableSampleOutput(1);
         p.currentSample.size = 7;
-        p.reportSample(0, 0); // stream 0 wants no samples
+        p.reportSample(0, 0);
         p.reportSample(1, 0);
         p.currentSample.size = 9;
         p.reportSample(1, 1);
         p.reportSample(5, 0); // no such stream
     };
     ReportTree report;
-    parser.parseBytes("x", QByteArray(1, 'x'), report);
+    parser.parseBytes("x", QByteArray(10, 'x'), report);
+    expectGolden("Base/report-model", dump(report));
+    EXPECT_EQ(report.openElements(), 0);
+    EXPECT_EQ(report.reportsEnded, 1);
     ASSERT_EQ(report.streams.size(), 3);
-    EXPECT_EQ(report.streams[0].samples.size(), 0);
+    EXPECT_EQ(report.streams[0].samples.size() + report.streams[2].samples.size(), 0);
     EXPECT_EQ(report.streams[1].info.width, 320);
     ASSERT_EQ(report.streams[1].samples.size(), 2);
     EXPECT_EQ(report.streams[1].samples[1].size, 9u);
     EXPECT_EQ(report.streams[1].sampleIndexes[1], 1u);
-    EXPECT_EQ(report.streams[2].samples.size(), 0);
 }
