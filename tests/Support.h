@@ -30,19 +30,15 @@ QByteArray bigBox(const char *type, const QByteArray &payload = QByteArray());
 // The parser with its protected parts opened up for tests.
 class TestParser : public ContainerMP4 {
 public:
-    using ContainerMP4::boxFlags;
-    using ContainerMP4::boxVersion;
     using ContainerMP4::chunkOffsetTables;
     using ContainerMP4::currentTrackType;
     using ContainerMP4::ElementMP4;
     using ContainerMP4::elements;
-    using ContainerMP4::sampleCount;
     using ContainerMP4::sampleCounts;
     using ContainerMP4::sampleOutputs;
     using ContainerMP4::sampleSizeTables;
     using ContainerMP4::sampleToChunkTables;
     using ContainerMP4::searchID;
-    using ContainerMP4::streams;
     using ContainerMP4::syncSampleTables;
     using ContainerMP4::timeToSampleTables;
     using ContainerMP4::verifyContainerFormat;
