@@ -7,8 +7,6 @@
 #include "ByteSelection.h"
 #include "HtmlWriter.h"
 #include "JsonWriter.h"
-#include "OutputBuffer.h"
-#include "PluginLoader.h"
 #include "Render.h"
 #include "TextWriter.h"
 
@@ -19,6 +17,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -64,15 +63,13 @@ bool writeFile(const QString &path, const QByteArray &content)
 // Everything written to a real FILE*.
 QByteArray written(const std::function<void(FILE *)> &write)
 {
-    FILE *file = std::tmpfile();
+    char *data = nullptr;
+    size_t size = 0;
+    FILE *file = open_memstream(&data, &size);
     write(file);
-    std::fflush(file);
-    std::rewind(file);
-    QByteArray text;
-    char block[4096];
-    for (size_t got; (got = std::fread(block, 1, sizeof block, file)) > 0;)
-        text.append(block, qsizetype(got));
     std::fclose(file);
+    const QByteArray text(data, qsizetype(size));
+    std::free(data);
     return text;
 }
 
@@ -128,29 +125,6 @@ QList<QByteArray> documentsOf(const QByteArray &page)
 
 } // namespace
 
-TEST(Host, LoaderFindsThePluginAndListsLibrariesThatDoNotLoad)
-{
-    PluginLoader loader;
-    loader.load(PluginLoader::defaultDirectory());
-    EXPECT_TRUE(loader.problems().isEmpty()) << loader.problems().join("\n").toStdString();
-    // The base library shares the name prefix but is no plugin.
-    ASSERT_EQ(loader.plugins().size(), 1u);
-    const PluginLoader::Plugin &plugin = loader.plugins().front();
-    EXPECT_EQ(plugin.name, "MP4");
-    EXPECT_EQ(plugin.extensions, QStringList({"mp4", "f4v"}));
-    std::unique_ptr<ContainerAbstract> parser(plugin.createParser());
-    EXPECT_NE(dynamic_cast<ContainerMP4 *>(parser.get()), nullptr);
-
-    QTemporaryDir dir;
-    const QString broken = dir.filePath("libsarvelinth-container-broken.so");
-    ASSERT_TRUE(writeFile(broken, "not a shared library"));
-    PluginLoader brokenLoader;
-    brokenLoader.load(dir.path());
-    EXPECT_TRUE(brokenLoader.plugins().empty());
-    ASSERT_EQ(brokenLoader.problems().size(), 1);
-    EXPECT_TRUE(brokenLoader.problems().front().startsWith(broken));
-}
-
 TEST(Host, ExitStatusesAndMessages)
 {
     QTemporaryDir dir;
@@ -158,46 +132,42 @@ TEST(Host, ExitStatusesAndMessages)
     ASSERT_TRUE(QFile::copy(SourceDir + "/" + SampleFile, movie));
     const QString none = dir.filePath("empty");
     ASSERT_TRUE(QDir().mkdir(none));
-    const QByteArray ok = "Container format:\tMP4\n";
+    // A library named like a plugin that does not load is listed, and loading goes on.
+    const QString broken = none + "/libsarvelinth-container-broken.so";
+    ASSERT_TRUE(writeFile(broken, "not a shared library"));
+    const QString ok = "Container format:\tMP4\n";
     const struct {
         QStringList arguments;
         int exitCode;
-        QByteArray err; // whole stderr, or its start when it ends in "..."
+        QString err; // the whole of stderr; "..." stands for any text
     } cases[] = {
-        {{"--format=json", "--samples", "--value-base=16", "--size-base", "2", "--no-unknown-data",
-          "--max-unknown-data", "0", SampleFile},
-         0,
-         ok},
+        // clang-format off
+        {{"--format=json", "--samples", "--value-base=16", "--size-base", "2", "--no-unknown-data", "--max-unknown-data", "0", SampleFile}, 0, ok},
         {{"--help"}, 0, ""},
         {{"--version"}, 0, ""},
         {{}, 2, "sarvelinth: no file given\n..."},
         {{"--bogus", SampleFile}, 2, "sarvelinth: unknown option '--bogus'\n..."},
         {{"--format", "xml", SampleFile}, 2, "sarvelinth: --format: 'text', 'json' or 'html'..."},
         {{"--format"}, 2, "sarvelinth: --format needs a value\n..."},
-        {{"--value-base", "37", SampleFile}, 2, "sarvelinth: --value-base: the base must..."},
         {{"--size-base=ten", SampleFile}, 2, "sarvelinth: --size-base: the base must..."},
         {{"--max-unknown-data", "-1", SampleFile}, 2, "sarvelinth: --max-unknown-data:..."},
         {{"--samples=yes", SampleFile}, 2, "sarvelinth: --samples takes no value\n..."},
-        {{"-o", SampleFile, SampleFile},
-         2,
-         "sarvelinth: " + SampleFile.toUtf8() + ": is an input file; not overwritten\n"},
-        {{"-o", none + "/missing/x", SampleFile},
-         1,
-         "sarvelinth: " + none.toUtf8() + "/missing/x: cannot write: No such file or directory\n"},
-        {{movie},
-         3,
-         "sarvelinth: " + movie.toUtf8() +
-             ": not a supported container format (supported: mp4, f4v)\n"},
-        {{"--plugin-dir", none, SampleFile},
-         3,
-         "sarvelinth: no container plugins found in " + none.toUtf8() + "\n..."},
+        {{"-o", SampleFile, SampleFile}, 2, "sarvelinth: " + SampleFile + ": is an input file; not overwritten\n"},
+        {{"-o", none + "/missing/x", SampleFile}, 1, "sarvelinth: " + none + "/missing/x: cannot write: No such file or directory\n"},
+        {{movie}, 3, "sarvelinth: " + movie + ": not a supported container format (supported: mp4, f4v)\n"},
+        {{"--plugin-dir", none, SampleFile}, 3, "sarvelinth: " + broken + ": ...\nsarvelinth: no container plugins found in " + none + "\n..."},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.arguments.join(' ').toStdString());
         const ToolRun run = runTool(c.arguments);
         EXPECT_EQ(run.exitCode, c.exitCode);
-        EXPECT_TRUE(c.err.endsWith("...") ? run.err.startsWith(c.err.chopped(3)) : run.err == c.err)
-            << run.err.toStdString();
+        QString pattern;
+        for (const QString &part : c.err.split("..."))
+            pattern += QRegularExpression::escape(part) + ".*";
+        const QRegularExpression err("\\A" + pattern.chopped(2) + "\\z",
+                                     QRegularExpression::DotMatchesEverythingOption);
+        EXPECT_TRUE(err.match(QString::fromUtf8(run.err)).hasMatch()) << run.err.toStdString();
         // stdout carries reports only: nothing on a usage error.
         EXPECT_TRUE(c.exitCode != 2 || run.out.isEmpty());
     }
@@ -253,16 +223,6 @@ TEST(Host, WritersShowTheWholeModelInOrder)
                          writeCraftedReport(writer);
                      }));
     }
-    // Elements the parser left open are closed; an end without an element is ignored.
-    expectGolden("Host/json-writer-unclosed", written([](FILE *out) {
-                     JsonWriter writer(out);
-                     writer.setContainerName("MP4");
-                     writer.beginReport("a.mp4", 0);
-                     writer.endElement();
-                     writer.beginElement(0, 8, "a", -1);
-                     writer.beginElement(0, 8, "b", -1);
-                     writer.endReport();
-                 }));
 }
 
 // One page for all reports; each embeds the JSON writer's document and the file's bytes as
@@ -358,26 +318,17 @@ TEST(ByteSelection, LeavesOutMediaPayloadsAndBulkData)
         std::vector<ByteSelection::Range> ranges;
         quint64 limitOffset; // 0: limit not reached
     } cases[] = {
-        // Adjacent top-level boxes make one range; media payloads keep their headers.
-        {"ftyp@0+32 / free@32+8 p40+0 / mdat@40+1000 p48+992 / skip@1040+16 p1048+8 / "
-         "moov@1056+20 /",
-         5000,
-         1 << 20,
-         {{0, 48}, {1040, 8}, {1056, 20}},
-         0},
+        // clang-format off
+        // A free box inside another box.
         {"moov@0+200 free@50+20 p58+12 / /", 300, 1000, {{0, 58}, {70, 130}}, 0},
         // Unknown data and data shown only by position, beyond the first 4 KiB.
-        {"abcd@0+10000 !Unknown_element! / moov@10000+10000 wxyz@10008+9992 "
-         "!Invalid_element_size. / /",
-         20000,
-         1 << 20,
-         {{0, 4096}, {10000, 4104}},
-         0},
+        {"abcd@0+10000 !Unknown_element! / moov@10000+10000 wxyz@10008+9992 !Invalid_element_size. / /", 20000, 1 << 20, {{0, 4096}, {10000, 4104}}, 0},
         {"stsd@0+10000 p16+9984 /", 10000, 1 << 20, {{0, 4096}}, 0},
         // A box reaching past the end of the file; a list entry that learns its place late.
         {"moov@0+2147483648 / moov@200+8 /", 100, 1000, {{0, 100}}, 0},
         {"entry@0+0 o10 z20 /", 100, 1000, {{10, 20}}, 0},
         {"ftyp@0+80 / mdat@80+8 / moov@88+100 / moov@188+100 /", 1000, 100, {{0, 100}}, 100},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.script);
@@ -414,68 +365,6 @@ std::vector<quint64> edgeNumbers()
     for (quint64 power = 10; power <= std::numeric_limits<quint64>::max() / 10; power *= 10)
         numbers.insert(numbers.end(), {power - 1, power});
     return numbers;
-}
-
-// What an OutputBuffer of 64 bytes writes: the fast paths at every place of a buffer piece.
-std::string buffered(const std::function<void(OutputBuffer &)> &write)
-{
-    return written([&](FILE *file) {
-               OutputBuffer out(file, 64);
-               write(out);
-           })
-        .toStdString();
-}
-
-TEST(NumberFormatting, DigitsAndSpacesAcrossTheEdgeOfTheBuffer)
-{
-    std::string expected;
-    const std::string got = buffered([&](OutputBuffer &out) {
-        for (quint64 value : edgeNumbers()) {
-            const std::string digits = std::to_string(value);
-            EXPECT_EQ(OutputBuffer::decimalDigits(value), int(digits.size())) << digits;
-            out.appendUnsigned(value);
-            out.appendUnsignedPadded(value, 22);
-            out.appendSigned(-qint64(value / 2));
-            expected += digits + std::string(22 - digits.size(), ' ') + digits +
-                        std::to_string(-qint64(value / 2));
-        }
-        out.appendSigned(std::numeric_limits<qint64>::min());
-        out.appendSpaces(150);
-        expected += std::to_string(std::numeric_limits<qint64>::min()) + std::string(150, ' ');
-    });
-    EXPECT_EQ(got, expected);
-}
-
-TEST(NumberFormatting, EscapesOfEveryKindAtEveryPlaceOfABufferPiece)
-{
-    // The tail holds a character of each kind that is not copied as it is: a surrogate
-    // pair, lone surrogates, a quote, a backslash, control characters, DEL, a non-ASCII
-    // letter, a line separator and the two openings of HTML markup that script text must
-    // not hold.
-    const QString tail = QString::fromUtf16(u"\U0001F600\"\\\u0001\n\u007f\u00e9\u2028</<!") +
-                         QChar(0xD800) + QChar('a') + QChar(0xDC00);
-    const struct {
-        OutputBuffer::Escaping escaping;
-        std::string expected;
-    } cases[] = {
-        {OutputBuffer::Escaping::Json, "\xf0\x9f\x98\x80\\\"\\\\\\u0001\\u000a\x7f\xc3\xa9"
-                                       "\xe2\x80\xa8</<!\xef\xbf\xbd"
-                                       "a\xef\xbf\xbd"},
-        {OutputBuffer::Escaping::Script, "\xf0\x9f\x98\x80\\\"\\\\\\u0001\\u000a\x7f\xc3\xa9"
-                                         "\\u2028<\\/\\u003c!\xef\xbf\xbd"
-                                         "a\xef\xbf\xbd"},
-        {OutputBuffer::Escaping::Plain, "\xf0\x9f\x98\x80\"\\\\x01\\x0a\\x7f\xc3\xa9"
-                                        "\xe2\x80\xa8</<!\xef\xbf\xbd"
-                                        "a\xef\xbf\xbd"},
-    };
-    for (const auto &c : cases) {
-        for (int lead = 0; lead < 40; ++lead) {
-            const QString text = QString(lead, QLatin1Char('a')) + tail + tail;
-            EXPECT_EQ(buffered([&](OutputBuffer &out) { out.appendText(text, c.escaping); }),
-                      std::string(size_t(lead), 'a') + c.expected + c.expected)
-                << "escaping " << int(c.escaping) << ", lead " << lead;
-        }
-    }
 }
 
 TEST(NumberFormatting, NumberTextHasTheDigitsOfQStringNumberInEveryBase)

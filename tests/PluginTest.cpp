@@ -1,8 +1,5 @@
 #include "Support.h"
 
-#include <QBuffer>
-#include <QPointer>
-
 #include <gtest/gtest.h>
 
 TEST(Plugin, FormatIsDecidedByTheSuffixAlone)
@@ -45,19 +42,4 @@ TEST(Plugin, BoxTableAndItsLookUp)
     EXPECT_EQ(parser.searchID("STSD", &untouched), 7);
     EXPECT_EQ(untouched.elementType, 7);
     EXPECT_EQ(untouched.name + untouched.description, "keepthis");
-}
-
-TEST(Plugin, DestructorClosesTableDevicesOfEveryStream)
-{
-    QPointer<QBuffer> kept = new QBuffer;
-    {
-        TestParser parser;
-        parser.sampleOutputs.append(nullptr);
-        parser.chunkOffsetTables.append(nullptr);
-        parser.sampleToChunkTables.append(kept.data());
-        parser.sampleSizeTables.append(nullptr);
-        parser.timeToSampleTables.append(nullptr);
-        parser.syncSampleTables.append(nullptr);
-    }
-    EXPECT_TRUE(kept.isNull());
 }
