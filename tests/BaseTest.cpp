@@ -16,8 +16,7 @@ TEST(InputDevice, ReadsClampToTheInputAndLeaveTheRestAlone)
     file.write(content);
     file.flush();
     InputDevice fromFile;
-    QString error;
-    ASSERT_TRUE(fromFile.openFile(file.fileName(), &error));
+    ASSERT_TRUE(fromFile.openFile(file.fileName(), nullptr));
     InputDevice fromMemory;
     fromMemory.openMemory(content);
 

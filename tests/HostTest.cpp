@@ -225,8 +225,7 @@ TEST(HtmlWriter, OnePageEmbedsEachJsonDocumentWithTheBytesOfItsBoxes)
         writer.reportError("gone.mp4", "no such file");
         writer.finish();
     });
-    EXPECT_TRUE(page.startsWith("<!DOCTYPE html>\n"));
-    EXPECT_EQ(page.count("<!DOCTYPE html>"), 1);
+    EXPECT_EQ(page.lastIndexOf("<!DOCTYPE html>\n"), 0);
     EXPECT_TRUE(page.endsWith("</html>\n"));
     QFile file(sample);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
@@ -245,13 +244,11 @@ TEST(HtmlWriter, OnePageEmbedsEachJsonDocumentWithTheBytesOfItsBoxes)
 
 TEST(HtmlWriter, HostileTextsStayInsideTheScriptElement)
 {
-    const QString hostile[] = {"</script><script>alert(1)</script>",
-                               "</SCRIPT >",
-                               "<!--<script>",
-                               "\"quoted\" \\ 'single' & <b>",
-                               QString::fromLatin1("\xa9too \xff\x80"),
-                               QString::fromUtf16(u"line\u2028paragraph\u2029end"),
-                               QString::fromLatin1("\x00\x01\n", 3)};
+    // Every opening of markup, quotes, non-ASCII letters, line separators and controls.
+    const QString hostile[] = {
+        "</script><script>alert(1)</script></SCRIPT ><!--<script>\"quoted\" \\ 'single' & <b>",
+        QString::fromLatin1("\xa9too \xff\x80\x00\x01\n", 10) +
+            QString::fromUtf16(u"line\u2028paragraph\u2029end")};
     const auto writeHostile = [&](ReportWriter &&writer) {
         writer.setContainerName("MP4");
         writer.beginReport("in.mp4", 100);
@@ -263,7 +260,7 @@ TEST(HtmlWriter, HostileTextsStayInsideTheScriptElement)
             writer.endElement();
         }
         writer.endReport();
-        writer.reportError(hostile[0], hostile[2]);
+        writer.reportError(hostile[0], hostile[1]);
         writer.finish();
     };
     const QByteArray page = written([&](FILE *out) { writeHostile(HtmlWriter(out)); });
