@@ -24,7 +24,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <string>
 #include <vector>
 
 namespace {
