@@ -7,6 +7,7 @@
 #include "ByteSelection.h"
 #include "HtmlWriter.h"
 #include "JsonWriter.h"
+#include "OutputBuffer.h"
 #include "Render.h"
 #include "TextWriter.h"
 
@@ -345,4 +346,31 @@ TEST(NumberText, HasTheDigitsOfQStringNumberInEveryBase)
     const QString first = number.render(12345, 10);
     number.render(4294967295ULL, 16);
     EXPECT_EQ(first, QStringLiteral("12345"));
+}
+
+// The buffer's fast paths against the obvious output: numbers of every digit count, padding,
+// escapes and long texts, through a buffer so small that every piece meets its edge.
+TEST(OutputBuffer, PiecesCrossingTheBufferEdgeComeOutWhole)
+{
+    QByteArray expected;
+    const QByteArray got = written([&](FILE *file) {
+        OutputBuffer out(file, 64); // the smallest buffer there is
+        for (quint64 value = 1; value != 0; value *= 10) {
+            for (quint64 v : {value - 1, value, ~0ULL / value}) {
+                out.appendUnsigned(v);
+                out.appendSigned(-qint64(v >> 1));
+                out.appendUnsignedPadded(v, 12);
+                out.appendText(QStringLiteral("\"</é\n") + QString(QChar(0xD800)),
+                               OutputBuffer::Escaping::Script);
+                expected += QByteArray::number(v) + QByteArray::number(-qint64(v >> 1)) +
+                            QByteArray::number(v).rightJustified(12, ' ') +
+                            "\\\"<\\/\xc3\xa9\\u000a\xef\xbf\xbd";
+            }
+            if (value > ~0ULL / 10)
+                break;
+        }
+        out.appendText(QString(300, 'x'), OutputBuffer::Escaping::Plain);
+        expected += QByteArray(300, 'x');
+    });
+    EXPECT_EQ(got, expected);
 }

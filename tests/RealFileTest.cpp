@@ -1,4 +1,5 @@
-// The real files made by FFmpeg that ship with the repository, against what ffprobe reads in them.
+// The real files made by FFmpeg that ship with the repository, against a plain walk of their
+// boxes and against what ffprobe reads in them.
 
 #include "Support.h"
 
@@ -8,11 +9,52 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QtEndian>
 
 #include <gtest/gtest.h>
 
-// Every video sample, one line each: stream, offset, size, key frame and the step of its dts.
-TEST(RealFiles, VideoSamplesMatchTheVideoPacketsOfFfprobe)
+namespace {
+// Boxes whose payload is nothing but boxes: both walks below descend into these only.
+bool isContainer(const QString &type)
+{
+    static const QStringList containers = {"moov", "trak", "mdia", "minf", "stbl", "dinf", "edts"};
+    return containers.contains(type);
+}
+
+// Every box as a plain walk of the bytes finds it: type, offset and size, one per line.
+void walkBoxes(const QByteArray &bytes, quint64 begin, quint64 end, QString &out)
+{
+    for (quint64 at = begin; at + 8 <= end;) {
+        const auto *header = reinterpret_cast<const uchar *>(bytes.constData() + at);
+        quint64 size = qFromBigEndian<quint32>(header);
+        if (size == 1)
+            size = qFromBigEndian<quint64>(header + 8);
+        else if (size == 0)
+            size = end - at;
+        const QString type = QString::fromLatin1(bytes.mid(qsizetype(at) + 4, 4));
+        out += QStringLiteral("%1 @%2+%3\n").arg(type).arg(at).arg(size);
+        if (isContainer(type))
+            walkBoxes(bytes, at + 8, at + size, out);
+        at += size;
+    }
+}
+
+// The same list from the report's elements.
+void reportedBoxes(const ReportTree::Node &parent, QString &out)
+{
+    for (const auto &node : parent.children) {
+        if (node->kind != ReportTree::Node::Element)
+            continue;
+        out += QStringLiteral("%1 @%2+%3\n").arg(node->name).arg(node->offset).arg(node->size);
+        if (isContainer(node->name))
+            reportedBoxes(*node, out);
+    }
+}
+} // namespace
+
+// Every box where a plain walk of the bytes finds it, and every video sample, one line each:
+// stream, offset, size, key frame and the step of its dts.
+TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
         GTEST_SKIP() << "ffprobe is not installed";
@@ -25,9 +67,14 @@ TEST(RealFiles, VideoSamplesMatchTheVideoPacketsOfFfprobe)
         const QString path = QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QLatin1String(name);
         QFile file(path);
         ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        const ReportTree report = parseReport(file.readAll());
+        const QByteArray bytes = file.readAll();
+        const ReportTree report = parseReport(bytes);
         EXPECT_EQ(report.openElements(), 0);
         EXPECT_FALSE(dump(report).contains("Invalid element size."));
+        QString walked, reported;
+        walkBoxes(bytes, 0, quint64(bytes.size()), walked);
+        reportedBoxes(report.root, reported);
+        EXPECT_EQ(reported.toStdString(), walked.toStdString());
         QString ours;
         for (const ReportTree::Stream &stream : report.streams) {
             for (int i = 0; i < stream.samples.size(); ++i) {

@@ -90,3 +90,37 @@ TEST(Walker, WorkBudgetBoundsChildrenReachingPastParents)
     EXPECT_LE(extents, 64u * quint64(input.size()));
     EXPECT_GT(extents, 60u * quint64(input.size()));
 }
+
+// The header-piece readers no walk calls, driven from a parser of their own: every byte of
+// the piece counts, a zero ends an id, and a value string keeps its zero bytes and stops at
+// the end of the input.
+TEST(Walker, HeaderPieceReadersAndValueString)
+{
+    class PieceReader : public ContainerMP4 {
+    public:
+        quint64 threeBytes = 0, eightBytes = 0;
+        QString id;
+
+    protected:
+        int parseElement(quint64 *size) override
+        {
+            getSize(&threeBytes, 3);
+            getSize(&eightBytes, 8);
+            getID(&id);
+            beginElement(0, 0, QStringLiteral("value"), -1);
+            const int result = parseValueString(100);
+            endElement();
+            *size = quint64(input.size());
+            return result;
+        }
+    } parser;
+    ReportTree report;
+    parser.parseBytes(QStringLiteral("test.mp4"),
+                      cat({u24(0x010203), u64(0xF00000000000000F), text("ab"), u8(0), text("d"),
+                           text("x"), u8(0), text("y")}),
+                      report);
+    EXPECT_EQ(parser.threeBytes, 0x010203u);
+    EXPECT_EQ(parser.eightBytes, 0xF00000000000000Fu);
+    EXPECT_EQ(parser.id, "ab");
+    EXPECT_EQ(report.root.children.at(0)->value, QString::fromLatin1("x\0y", 3));
+}
