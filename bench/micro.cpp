@@ -12,7 +12,6 @@
 #include <QString>
 
 #include <cstdio>
-#include <memory>
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "ContainerAbstract.h"
 
-#include <QFileInfo>
-#include <QtEndian>
-
 #include <algorithm>
 
 ContainerAbstract::CommonElement::CommonElement()
@@ -122,9 +119,20 @@ void ContainerAbstract::addRawField(quint64 offset, quint64 size, const quint8 *
     sink->addRawField(offset, size, data, name, comment);
 }
 
+void ContainerAbstract::addPayloadField(quint64 offset, quint64 size, const QString &name,
+                                        Payload payload)
+{
+    sink->addPayloadField(offset, size, name, payload);
+}
+
 void ContainerAbstract::addElementNote(const QString &text)
 {
     sink->setElementNote(text);
+}
+
+void ContainerAbstract::setElementState(ElementState state)
+{
+    sink->setElementState(state);
 }
 
 void ContainerAbstract::setElementValue(const QString &text)

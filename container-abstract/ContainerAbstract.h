@@ -43,6 +43,12 @@ public:
         RunOpenFailed = 2,    // the file could not be opened; nothing was reported
     };
 
+    // Values of currentTrackType: what the track being parsed holds, as far as it matters.
+    enum TrackType {
+        VideoTrack = 0,
+        OtherTrack = 4,
+    };
+
     struct Settings {
         quint64 maxUnknownDataSize = 64;
         bool showUnknownData = true;
@@ -77,7 +83,11 @@ protected:
                   const QString &comment, qint64 index);
     void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                      const QString &comment);
+    // A field shown only by its position, and what its bytes hold.
+    void addPayloadField(quint64 offset, quint64 size, const QString &name, Payload payload);
     void addElementNote(const QString &text);
+    // Why the innermost open element's content was not read.
+    void setElementState(ElementState state);
     void setElementValue(const QString &text);
     void swapBytes(void *data, quint8 size);
     int reportSample(uint stream, quint64 sampleIndex);
@@ -98,7 +108,7 @@ protected:
     QVector<quint64> sampleCounts;
     Sample currentSample;
     QVector<StreamInfo *> streams;
-    int currentTrackType = 4;
+    int currentTrackType = OtherTrack;
     quint32 sampleCount = 0;
 
 private:

@@ -26,6 +26,11 @@ public:
     virtual bool seek(qint64 position);
     virtual qint64 readBytes(char *buffer, qint64 count);
     qint64 pos() const { return position; }
+    // Bytes of the input from position to its end; 0 at or behind the end.
+    quint64 bytesFrom(quint64 position) const
+    {
+        return position < quint64(length) ? quint64(length) - position : 0;
+    }
 
 private:
     bool fillWindow(qint64 start);

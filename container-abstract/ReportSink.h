@@ -9,8 +9,8 @@
 // call into output at once, so nothing accumulates with the number of fields.
 //
 // Element offset and size may be changed after beginElement (list entries learn theirs
-// later), and the note and value arrive after the element's children: a writer that
-// prints them must hold them until endElement.
+// later), and the note, state and value arrive after the element's children: a writer
+// that prints them must hold them until endElement.
 class SARVELINTH_ABSTRACT_EXPORT ReportSink {
 public:
     virtual ~ReportSink();
@@ -23,11 +23,17 @@ public:
     virtual void setElementSize(quint64 size) = 0;
     virtual void setElementNote(const QString &text) = 0;
     virtual void setElementValue(const QString &text) = 0;
+    // Why the element's content was not read; elements that were read get no call.
+    virtual void setElementState(ElementState state);
     virtual void endElement() = 0;
 
     virtual void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
                           const QString &name, const QString &value, const QString &extra,
                           const QString &comment, qint64 index) = 0;
+    // A field shown only by its position: a plain field without value, comment or index,
+    // and what its bytes hold. Sinks that do not tell payloads apart take it as that field.
+    virtual void addPayloadField(quint64 offset, quint64 size, const QString &name,
+                                 Payload payload);
     virtual void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                              const QString &comment) = 0;
 

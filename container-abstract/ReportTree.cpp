@@ -1,25 +1,12 @@
 #include "ReportTree.h"
 
-const ReportTree::Node *ReportTree::Node::child(const QString &childName, int nth) const
-{
-    for (const auto &c : children) {
-        if (c->name == childName && nth-- == 0)
-            return c.get();
-    }
-    return nullptr;
-}
-
 void ReportTree::beginReport(const QString &name, quint64 size)
 {
     fileName = name;
     fileSize = size;
-    ++reportsBegun;
 }
 
-void ReportTree::endReport()
-{
-    ++reportsEnded;
-}
+void ReportTree::endReport() {}
 
 ReportTree::Node &ReportTree::append(Node::Kind kind)
 {

@@ -32,8 +32,6 @@ public:
         QString comment; // also the comment of a raw field
         // Raw fields
         QByteArray data;
-
-        const Node *child(const QString &name, int nth = 0) const;
     };
 
     struct Stream {
@@ -47,8 +45,6 @@ public:
     quint64 fileSize = 0;
     Node root; // an element without a name; its children are the top-level elements
     QVector<Stream> streams;
-    int reportsBegun = 0;
-    int reportsEnded = 0;
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;

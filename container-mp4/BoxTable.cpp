@@ -9,6 +9,7 @@ void ContainerMP4::buildBoxTable()
         int elementType;
         int fullBox;
         BoxHandler handler;
+        bool opensStream = false;
     };
     static const Row rows[] = {
         {"free", PlainBox, 0, &ContainerMP4::parseJunk},
@@ -20,7 +21,7 @@ void ContainerMP4::buildBoxTable()
         {"meta", ContainerBox, 1, nullptr},
         {"skip", PlainBox, 0, &ContainerMP4::parseJunk},
         {"udta", ContainerBox, 0, nullptr},
-        {"trak", ContainerBox, 0, nullptr},
+        {"trak", ContainerBox, 0, nullptr, true},
         {"tkhd", PlainBox, 1, &ContainerMP4::parseBoxTKHD},
         {"mdia", ContainerBox, 0, nullptr},
         {"mdhd", PlainBox, 1, &ContainerMP4::parseBoxMDHD},
@@ -81,8 +82,8 @@ void ContainerMP4::buildBoxTable()
         {"clap", PlainBox, 0, nullptr},
     };
     for (const Row &row : rows) {
-        elements.insert(
-            QString::fromLatin1(row.type),
-            new ElementMP4(row.elementType, row.fullBox, row.handler, QString(), QString()));
+        elements.insert(QString::fromLatin1(row.type),
+                        new ElementMP4(row.elementType, row.fullBox, row.handler, QString(),
+                                       QString(), row.opensStream));
     }
 }

@@ -8,15 +8,17 @@ ContainerMP4::ElementMP4::ElementMP4()
     : handler(nullptr)
     , fullBox(0)
     , description(QString())
+    , opensStream(false)
 {
 }
 
 ContainerMP4::ElementMP4::ElementMP4(int elementType, int fullBox, BoxHandler handler, QString name,
-                                     QString description)
+                                     QString description, bool opensStream)
     : CommonElement(elementType, name)
     , handler(handler)
     , fullBox(fullBox)
     , description(std::move(description))
+    , opensStream(opensStream)
 {
 }
 
@@ -37,9 +39,8 @@ ContainerMP4::~ContainerMP4()
 
     const int streamCount = int(sampleOutputs.size());
     for (int i = 0; i < streamCount; ++i) {
-        for (QIODevice *device : {chunkOffsetTables[i], sampleToChunkTables[i], sampleSizeTables[i],
-                                  timeToSampleTables[i], syncSampleTables[i]}) {
-            if (device) {
+        for (TableList list : TableLists) {
+            if (QIODevice *device = (this->*list)[i]) {
                 device->close();
                 delete device;
             }

@@ -9,6 +9,8 @@
 #include <QUuid>
 #include <QVector>
 
+#include <array>
+
 #define SARVELINTH_MP4_EXPORT Q_DECL_EXPORT
 
 class TableReader;
@@ -27,7 +29,7 @@ protected:
     public:
         ElementMP4();
         ElementMP4(int elementType, int fullBox, BoxHandler handler, QString name,
-                   QString description);
+                   QString description, bool opensStream = false);
         ElementMP4(const ElementMP4 &other);
         ElementMP4 &operator=(const ElementMP4 &other);
         ~ElementMP4();
@@ -35,6 +37,9 @@ protected:
         BoxHandler handler;
         int fullBox;
         QString description;
+        // Whether a box of this type holds one stream (trak): the stream is opened before
+        // the box's children are walked.
+        bool opensStream;
     };
 
     // Values of ElementMP4::elementType; only Container changes what the walker does.
@@ -89,6 +94,9 @@ protected:
     QVector<QIODevice *> timeToSampleTables;
     QVector<QIODevice *> syncSampleTables;
 
+    // A block of big-endian fields read in one piece (boxes/HeaderFields.h).
+    class FieldBlock;
+
 private:
     void buildBoxTable();
 
@@ -98,19 +106,46 @@ private:
     quint64 workDone = 0;
     bool walkStopped = false;
 
-    // Tracks and their sample tables (samples/).
-    // Opens the stream of a trak box before its children are walked, and returns its index.
-    int beginTrack();
-    // Makes the stream's samples wanted when the track turned out to be a video track.
-    void endTrack(int stream);
-    // The buffer the current track records a table into, or null when nothing is recorded.
-    QIODevice *recordingDevice(QVector<QIODevice *> &tables);
-    // A plain field of whole bytes, with no extra text, outside any list.
+    // Fields. Every plain field goes through these; only bit fields and raw fields call
+    // the base directly.
+    void reportField(quint64 at, quint64 size, const QString &name, const QString &value,
+                     const QString &comment = QString())
+    {
+        addField(false, at, 0, size, name, value, QString(), comment, -1);
+    }
     void reportField(quint64 at, quint64 size, const char *name, const QString &value,
                      const QString &comment = QString())
     {
-        addField(false, at, 0, size, QString::fromLatin1(name), value, QString(), comment, -1);
+        reportField(at, size, QString::fromLatin1(name), value, comment);
     }
+    // A field of a list of like fields, at its place in the list.
+    void reportListField(quint64 at, quint64 size, const QString &name, const QString &value,
+                         qint64 index)
+    {
+        addField(false, at, 0, size, name, value, QString(), QString(), index);
+    }
+    // Bytes shown only by their position.
+    void reportPayload(quint64 at, quint64 size, const char *name, Payload payload = Payload::Data)
+    {
+        addPayloadField(at, size, QString::fromLatin1(name), payload);
+    }
+
+    // The current track: the stream of the innermost trak being walked (samples/).
+    using TableList = QVector<QIODevice *> ContainerMP4::*;
+    // The five table lists, one entry per stream each, for what is done to all alike.
+    static constexpr std::array<TableList, 5> TableLists = {
+        &ContainerMP4::chunkOffsetTables, &ContainerMP4::sampleToChunkTables,
+        &ContainerMP4::sampleSizeTables, &ContainerMP4::timeToSampleTables,
+        &ContainerMP4::syncSampleTables};
+    // Opens the stream of a box that holds one before its children are walked, and returns
+    // its index.
+    int beginTrack();
+    // Makes the stream's samples wanted when the track turned out to be a video track.
+    void endTrack(int stream);
+    // The record of the current track's stream, or null outside every track.
+    StreamInfo *currentStream() const { return streams.isEmpty() ? nullptr : streams.last(); }
+    // The buffer the current track records a table into, or null when nothing is recorded.
+    QIODevice *recordingDevice(TableList list);
     // Reads the 4-byte word at position of a table's payload and reports it as the field
     // name; false, with nothing reported, when the payload or the input ends before it.
     bool reportTableWord(TableReader &reader, quint64 offset, quint64 position, const char *name,

@@ -1,7 +1,6 @@
+#include "Bounds.h"
 #include "ContainerMP4.h"
 #include "Render.h"
-
-#include <limits>
 
 namespace {
 // Deepest level of boxes that is parsed; the top level is level 1.
@@ -9,12 +8,6 @@ constexpr int MaxDepth = 64;
 // Bytes the walk may cover, in multiples of the input size. Children that reach past
 // their parents are walked again at the parent's level; this bounds that repetition.
 constexpr quint64 WorkBudgetFactor = 64;
-
-quint64 saturatingAdd(quint64 a, quint64 b)
-{
-    return b > std::numeric_limits<quint64>::max() - a ? std::numeric_limits<quint64>::max()
-                                                       : a + b;
-}
 } // namespace
 
 int ContainerMP4::parseElement(quint64 *size)
@@ -85,18 +78,14 @@ int ContainerMP4::parseElement(quint64 *size)
     beginElement(start, totalSize, type, -1);
     *size = totalSize;
 
-    addField(false, start, 0, 4, QStringLiteral("size"), Render::u64(declaredSize, sizeBase),
-             QString(), sizeComment, -1);
-    addField(false, start + 4, 0, 4, QStringLiteral("type"), type, QString(), QString(), -1);
-    if (declaredSize == 1) {
-        addField(false, start + 8, 0, 8, QStringLiteral("big_size"), Render::u64(bigSize, sizeBase),
-                 QString(), QString(), -1);
-    }
+    reportField(start, 4, "size", Render::u64(declaredSize, sizeBase), sizeComment);
+    reportField(start + 4, 4, "type", type);
+    if (declaredSize == 1)
+        reportField(start + 8, 8, "big_size", Render::u64(bigSize, sizeBase));
     if (isUuid) {
         QUuid uuid;
         getUUID(&uuid);
-        addField(false, payload, 0, 16, QStringLiteral("usertype"), uuid.toString(), QString(),
-                 QString(), -1);
+        reportField(payload, 16, "usertype", uuid.toString());
         payload += 16;
     }
     quint64 remaining = totalSize - (payload - start);
@@ -104,13 +93,15 @@ int ContainerMP4::parseElement(quint64 *size)
 
     if (invalidSize) {
         addElementNote(QStringLiteral("Invalid element size."));
+        setElementState(ElementState::InvalidSize);
     } else if (tooDeep) {
-        addField(false, payload, 0, remaining, QStringLiteral("data"), QString(), QString(),
-                 QString(), -1);
+        reportPayload(payload, remaining, "data");
         addElementNote(QStringLiteral("Nesting too deep."));
+        setElementState(ElementState::TooDeep);
     } else if (!known) {
         result = parseUnknownObject(payload, remaining);
         addElementNote(QStringLiteral("Unknown element!"));
+        setElementState(ElementState::UnknownType);
     } else {
         if (row.fullBox == 1) {
             boxIsFull = true;
@@ -120,27 +111,23 @@ int ContainerMP4::parseElement(quint64 *size)
             swapBytes(&word, 4);
             boxFlags = word & 0xFFFFFF;
             boxVersion = word >> 24;
-            addField(false, payload, 0, 1, QStringLiteral("version"),
-                     QString::number(boxVersion, valueBase), QString(), QString(), -1);
-            addField(false, payload + 1, 0, 3, QStringLiteral("flags"),
-                     QString::number(boxFlags, valueBase), QString(), QString(), -1);
+            reportField(payload, 1, "version", Render::u32(boxVersion, valueBase));
+            reportField(payload + 1, 3, "flags", Render::u32(boxFlags, valueBase));
             payload += 4;
             remaining -= 4;
         }
         if (row.elementType == ContainerBox) {
             // A track opens its stream before its boxes are walked and learns after them
             // whether its samples are wanted.
-            const bool isTrack = type == QLatin1String("trak");
-            const int stream = isTrack ? beginTrack() : -1;
-            result = walkChildren(payload, saturatingAdd(start, totalSize));
-            if (isTrack)
+            const int stream = row.opensStream ? beginTrack() : -1;
+            result = walkChildren(payload, endOf(start, totalSize));
+            if (row.opensStream)
                 endTrack(stream);
         } else if (row.handler) {
             input.seek(qint64(payload));
             result = (this->*row.handler)(payload, remaining);
         } else {
-            addField(false, payload, 0, remaining, QStringLiteral("data"), QString(), QString(),
-                     QString(), -1);
+            reportPayload(payload, remaining, "data");
         }
         if (!row.description.isEmpty())
             addElementNote(row.description);

@@ -16,7 +16,7 @@ using namespace bytes;
 
 namespace {
 
-// A parse that keeps the result of each top-level box and the track type it ends with.
+// A parse that keeps the result of each top-level box.
 struct Parse : TestParser {
     explicit Parse(const QByteArray &input, int valueBase = 10)
     {
@@ -155,23 +155,6 @@ TEST_F(HeaderBoxes, FieldRenderings)
         const QString dumped = dump(Parse(input).report);
         EXPECT_TRUE(dumped.contains("  " + QString::fromUtf8(line) + '\n')) << dumped.toStdString();
     }
-}
-
-// Every hdlr read decides the track type, wherever it stands; only "vide" exactly makes a video
-// track.
-TEST_F(HeaderBoxes, OnlyVideMakesAVideoTrackAndTheLastHandlerCounts)
-{
-    const std::pair<QByteArray, int> cases[] = {
-        {handler("soun") + handler("vide"), 0},
-        {handler("vide") + handler("VIDE"), 4},
-        {handler("vide") + handler("vid\0"), 4},
-        // A handler below meta behind the track's own turns the track into a non-video one.
-        {box("moov", cat({box("trak", box("mdia", handler("vide", text("V")))),
-                          box("udta", fullBox("meta", 0, 0, handler("mdir")))})),
-         4},
-    };
-    for (const auto &[input, trackType] : cases)
-        EXPECT_EQ(Parse(input).currentTrackType, trackType) << input.toHex().toStdString();
 }
 
 // mvhd, tkhd and mdhd need their whole layout in the input, whatever the box declares, and report

@@ -194,8 +194,8 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         EXPECT_EQ(inLimitedChild([&input = input] {
                       const CheckedRun run = parseChecked(input);
                       const quint64 size = quint64(input.size());
-                      const bool bounded = run.nodes <= 16 * size + 256 && run.samples <= size &&
-                                           run.maxDepth <= 64 + 2;
+                      const bool bounded = run.nodes <= CheckingSink::nodeBound(size) &&
+                                           run.samples <= size && run.maxDepth <= 64 + 2;
                       return bounded ? run.problem : "a report out of proportion to the input";
                   }),
                   "")
@@ -277,7 +277,8 @@ TEST(Swept, DamagedHeadersAndCountsGiveBoundedBalancedReports)
             // the report beyond the bytes that back it.
             const CheckedRun run = parseChecked(input);
             ASSERT_EQ(run.problem, "") << "round " << round;
-            EXPECT_LE(run.nodes, 65 * wholeNodes + 16 * quint64(whole.size())) << round;
+            EXPECT_LE(run.nodes, 65 * wholeNodes + CheckingSink::nodeBound(quint64(whole.size())))
+                << round;
             EXPECT_LE(run.samples, quint64(whole.size())) << round;
         }
     }

@@ -53,6 +53,9 @@ TEST(SampleWalk, CraftedTables)
         {"record behind its chunk is never taken up",
          cat({table("stsc", {{1, 1, 1}, {1, 3, 1}, {3, 2, 1}}),
               counted("stco", {100, 200, 300, 400}), stszConstant(1, 4)})},
+        {"second sample-to-chunk table starts over",
+         cat({table("stsc", {{1, 2, 1}}), table("stsc", {{1, 1, 1}}), counted("stco", {100, 200}),
+              stsz({1, 2})})},
         {"stco and co64 chunks in box order",
          cat({table("stsc", {{1, 1, 1}}), counted("stco", {100}), co64({0x100000000}),
               stsz({1, 2})})},
@@ -63,12 +66,17 @@ TEST(SampleWalk, CraftedTables)
         {"one sample of its own size reads like a constant size",
          cat({stsz({77}), table("stsc", {{1, 1, 1}}), counted("stco", {50}),
               table("stts", {{1, 3}})})},
+        {"second size table starts over", cat({stsz({10, 20, 30}), stszConstant(100, 2),
+                                               table("stsc", {{1, 3, 1}}), counted("stco", {10})})},
         {"short size table keeps the last size",
          cat({fullBox("stsz", 0, 0, words32({0, 3, 4, 6})), table("stsc", {{1, 3, 1}}),
               counted("stco", {10})})},
         // Times.
         {"no time-to-sample table gives zero times",
          cat({stsz({1, 2}), table("stsc", {{1, 2, 1}}), counted("stco", {10})})},
+        {"runs expand and a second time-to-sample table goes on behind the first",
+         cat({stszConstant(1, 6), table("stsc", {{1, 6, 1}}), counted("stco", {10}),
+              table("stts", {{3, 5}, {0, 9}, {2, 7}}), table("stts", {{1, 8}})})},
         {"short time-to-sample table keeps the last delta",
          cat({stsz({1, 1, 1}), table("stsc", {{1, 3, 1}}), counted("stco", {10}),
               table("stts", {{1, 5}})})},
@@ -99,6 +107,33 @@ TEST(SampleWalk, CraftedTables)
     for (const auto &[name, tables] : cases)
         all += QStringLiteral("== ") + QLatin1String(name) + '\n' + videoSamples(tables);
     expectGolden(QStringLiteral("SampleWalk/crafted-tables"), all);
+}
+
+// Each trak opens the stream of its index. Only a track whose last handler, wherever it stands
+// in the track, is exactly "vide" reports samples; the others report theirs as a video track
+// would, and record nothing.
+TEST(SampleWalk, OnlyTracksWhoseLastHandlerIsVideReportSamples)
+{
+    const QByteArray tables =
+        cat({table("stts", {{2, 5}}), counted("stss", {2}), table("stsc", {{1, 2, 1}}),
+             counted("stco", {400}), stsz({7, 8})});
+    const auto track = [&](const QByteArray &handlers, const QByteArray &behind = {}) {
+        return box("trak", box("mdia", handlers + box("minf", box("stbl", tables))) + behind);
+    };
+    const QByteArray movie =
+        box("moov",
+            cat({track(handlerBox("soun") + handlerBox("vide")), box("trak"),
+                 track(handlerBox("vide") + handlerBox("VIDE")),
+                 track(handlerBox("vide") + handlerBox("vid\0")),
+                 track(handlerBox("vide"), box("udta", fullBox("meta", 0, 0, handlerBox("mdir")))),
+                 track(handlerBox("vide"))}));
+    const ReportTree report = parseReport(movie);
+    QString samples;
+    for (const ReportTree::Stream &stream : report.streams)
+        samples += QStringLiteral("%1:%2 ").arg(stream.index).arg(stream.samples.size());
+    EXPECT_EQ(samples, "0:2 1:0 2:0 3:0 4:0 5:2 ");
+    EXPECT_EQ(dump(parseReport(box("moov", track(handlerBox("soun"))))).remove("soun"),
+              dump(parseReport(box("moov", track(handlerBox("vide"))))).remove("vide"));
 }
 
 } // namespace

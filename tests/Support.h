@@ -27,20 +27,9 @@ QByteArray fullBox(const char *type, quint8 version, quint32 flags,
 QByteArray bigBox(const char *type, const QByteArray &payload = QByteArray());
 } // namespace bytes
 
-// The parser with its protected parts opened up for tests.
+// The parser with its format check opened up for tests.
 class TestParser : public ContainerMP4 {
 public:
-    using ContainerMP4::chunkOffsetTables;
-    using ContainerMP4::currentTrackType;
-    using ContainerMP4::ElementMP4;
-    using ContainerMP4::elements;
-    using ContainerMP4::sampleCounts;
-    using ContainerMP4::sampleOutputs;
-    using ContainerMP4::sampleSizeTables;
-    using ContainerMP4::sampleToChunkTables;
-    using ContainerMP4::searchID;
-    using ContainerMP4::syncSampleTables;
-    using ContainerMP4::timeToSampleTables;
     using ContainerMP4::verifyContainerFormat;
 };
 

@@ -21,7 +21,8 @@ inline QByteArray words32(Words values)
 inline QByteArray handlerBox(const char *type)
 {
     using namespace bytes;
-    return fullBox("hdlr", 0, 0, cat({u32(0), text(type), zeros(12), text("Handler"), u8(0)}));
+    return fullBox("hdlr", 0, 0,
+                   cat({u32(0), QByteArray(type, 4), zeros(12), text("Handler"), u8(0)}));
 }
 
 // A trak whose media has the given handler type and these boxes in its sample table.

@@ -17,7 +17,7 @@ int ContainerMP4::parseBoxHDLR(quint64 offset, quint64 size)
     char handlerBytes[4] = {};
     input.readBytes(handlerBytes, 4);
     const QString handlerType = Render::latin1Text(handlerBytes, 4);
-    currentTrackType = handlerType == QLatin1String("vide") ? 0 : 4;
+    currentTrackType = handlerType == QLatin1String("vide") ? VideoTrack : OtherTrack;
     reportField(offset + 4, 4, "handler_type", handlerType);
 
     input.seek(qint64(offset + 8));
@@ -33,10 +33,8 @@ int ContainerMP4::parseBoxHDLR(quint64 offset, quint64 size)
     // size larger than the file costs no memory; a payload too short for the fixed fields
     // leaves an empty name.
     const quint64 nameSize = size > 20 ? size - 20 : 0;
-    const quint64 inputSize = quint64(input.size());
     const quint64 nameStart = offset + 20;
-    const quint64 available = nameStart < inputSize ? inputSize - nameStart : 0;
-    const quint64 wanted = qMin(nameSize, available);
+    const quint64 wanted = qMin(nameSize, input.bytesFrom(nameStart));
     std::unique_ptr<char[]> name(new (std::nothrow) char[wanted + 1]());
     if (!name)
         return ParseOutOfMemory;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ContainerMP4.h"
 #include "Render.h"
 
 #include <QString>
@@ -8,13 +9,13 @@
 #include <cstring>
 
 // A block of big-endian fields read in one piece, as the movie, track and media headers
-// are. Each field is turned to host order in place, with the parser's byte swap, at the
-// moment it is taken.
-template <typename Swap> class FieldBlock {
+// and the sample entries are. Each field is turned to host order in place, with the
+// parser's byte swap, at the moment it is taken.
+class ContainerMP4::FieldBlock {
 public:
-    FieldBlock(unsigned char *bytes, Swap swap)
-        : bytes(bytes)
-        , swap(swap)
+    FieldBlock(ContainerMP4 &parser, unsigned char *bytes)
+        : parser(parser)
+        , bytes(bytes)
     {
     }
 
@@ -24,6 +25,7 @@ public:
     {
         return width == 8 ? take<quint64>(position) : take<quint32>(position);
     }
+    quint64 u64(quint64 position) { return take<quint64>(position); }
     quint32 u32(quint64 position) { return take<quint32>(position); }
     quint16 u16(quint64 position) { return take<quint16>(position); }
     qint16 i16(quint64 position) { return take<qint16>(position); }
@@ -41,14 +43,14 @@ private:
     template <typename T> T take(quint64 position)
     {
         unsigned char *field = bytes + position;
-        swap(field, quint8(sizeof(T)));
+        parser.swapBytes(field, quint8(sizeof(T)));
         T value;
         std::memcpy(&value, field, sizeof(T));
         return value;
     }
 
+    ContainerMP4 &parser;
     unsigned char *bytes;
-    Swap swap;
 };
 
 namespace HeaderFields {

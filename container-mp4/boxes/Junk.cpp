@@ -3,6 +3,6 @@
 // free and skip: filler whose bytes mean nothing, so none is read.
 int ContainerMP4::parseJunk(quint64 offset, quint64 size)
 {
-    addField(false, offset, 0, size, QStringLiteral("data"), QString(), QString(), QString(), -1);
+    reportPayload(offset, size, "data", Payload::Filler);
     return ParseOk;
 }

@@ -25,7 +25,7 @@ int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
     if (count < 3 * w + 8)
         return ParseTruncated;
 
-    FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
+    FieldBlock fields(*this, block);
     reportField(offset, w, "creation_time", Render::u64(fields.wide(0, w), valueBase));
     reportField(offset + w, w, "modification_time", Render::u64(fields.wide(w, w), valueBase));
     reportField(offset + 2 * w, 4, "timescale", Render::u32(fields.u32(2 * w), valueBase));

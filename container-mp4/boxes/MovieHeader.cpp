@@ -35,7 +35,7 @@ int ContainerMP4::parseBoxMVHD(quint64 offset, quint64 /*size*/)
     if (count < 3 * w + 84)
         return ParseTruncated;
 
-    FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
+    FieldBlock fields(*this, block);
     auto renderUnsigned = [this](quint32 word) { return Render::u32(word, valueBase); };
     auto renderSigned = [this](quint32 word) { return Render::i32(qint32(word), valueBase); };
 

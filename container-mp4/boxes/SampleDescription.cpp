@@ -1,8 +1,9 @@
+#include "Bounds.h"
+#include "Codecs.h"
 #include "ContainerMP4.h"
 #include "HeaderFields.h"
 #include "Render.h"
 
-#include <limits>
 #include <memory>
 #include <new>
 
@@ -11,17 +12,6 @@ namespace {
 constexpr quint64 VisualEntrySize = 86;
 // A tail shorter than this cannot hold a box and its payload; it is shown as data.
 constexpr quint64 SmallestWalkedTail = 9;
-
-int codecIdOf(const QString &type)
-{
-    if (type == QLatin1String("avc1"))
-        return 28; // H.264
-    if (type == QLatin1String("mp4v"))
-        return 13; // MPEG-4 Visual
-    if (type == QLatin1String("s263"))
-        return 5; // H.263
-    return -1;
-}
 } // namespace
 
 // stsd: the sample entries of a track. In a video track each visual sample entry is decoded
@@ -30,9 +20,7 @@ int codecIdOf(const QString &type)
 // is left alone. The payload is read once; only the bytes the input delivers are decoded.
 int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
 {
-    const quint64 inputSize = quint64(qMax<qint64>(input.size(), 0));
-    const quint64 left = offset < inputSize ? inputSize - offset : 0;
-    const quint64 wanted = qMin(size, left);
+    const quint64 wanted = qMin(size, input.bytesFrom(offset));
     std::unique_ptr<unsigned char[]> payload(new (std::nothrow) unsigned char[wanted + 1]);
     if (!payload)
         return ParseOutOfMemory;
@@ -41,19 +29,15 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
     if (decoded < 4)
         return ParseOk;
 
-    auto swap = [this](void *data, quint8 width) { swapBytes(data, width); };
-    FieldBlock<decltype(swap)> header(payload.get(), swap);
-    const quint32 entryCount = header.u32(0);
+    const quint32 entryCount = FieldBlock(*this, payload.get()).u32(0);
     reportField(offset, 4, "entry_count", Render::u32(entryCount, valueBase));
 
-    const quint64 boxEnd = size > std::numeric_limits<quint64>::max() - offset
-                               ? std::numeric_limits<quint64>::max()
-                               : offset + size;
+    const quint64 boxEnd = endOf(offset, size);
     int result = ParseOk;
     quint64 at = 4; // the entry's position in the payload
     for (quint32 i = 0; i < entryCount && at + 8 <= decoded; ++i) {
         unsigned char *bytes = payload.get() + at;
-        FieldBlock<decltype(swap)> entry(bytes, swap);
+        FieldBlock entry(*this, bytes);
         const quint64 entryStart = offset + at;
         const quint32 entrySize = entry.u32(0);
         beginElement(entryStart, entrySize, QStringLiteral("sample_entry"), i);
@@ -61,22 +45,23 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         const QString type = Render::latin1Text(reinterpret_cast<const char *>(bytes) + 4, 4);
         reportField(entryStart + 4, 4, "type", type);
 
-        if (currentTrackType != 0) {
-            reportField(entryStart + 8, entrySize >= 8 ? entrySize - 8 : 0, "specific_config_data",
-                        QString());
+        if (currentTrackType != VideoTrack) {
+            reportPayload(entryStart + 8, entrySize >= 8 ? entrySize - 8 : 0,
+                          "specific_config_data");
             endElement();
             break;
         }
 
-        StreamInfo *stream = streams.isEmpty() ? nullptr : streams.last();
-        const int codecId = codecIdOf(type);
-        if (stream && codecId >= 0)
-            stream->codecId = codecId;
+        StreamInfo *stream = currentStream();
+        if (const Codec *codec = codecOf(type); codec && stream) {
+            stream->codecId = codec->id;
+            stream->codecName = QString::fromLatin1(codec->name);
+        }
 
         // Fixed fields cut off by the end of the input: what is there is shown as data.
         if (at + VisualEntrySize > decoded) {
             if (decoded > at + 8)
-                reportField(entryStart + 8, decoded - at - 8, "data", QString());
+                reportPayload(entryStart + 8, decoded - at - 8, "data");
             endElement();
             break;
         }
@@ -120,7 +105,7 @@ int ContainerMP4::parseBoxSTSD(quint64 offset, quint64 size)
         if (tailStart < tailEnd) {
             const quint64 tailSize = tailEnd - tailStart;
             if (tailSize < SmallestWalkedTail) {
-                reportField(tailStart, tailSize, "data", QString());
+                reportPayload(tailStart, tailSize, "data");
             } else {
                 beginElement(tailStart, tailSize, QStringLiteral("specific_config_data"), -1);
                 const quint64 savedOffset = currentOffset;

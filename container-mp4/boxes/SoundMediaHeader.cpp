@@ -10,12 +10,10 @@ int ContainerMP4::parseBoxSMHD(quint64 offset, quint64 /*size*/)
 
     // Signed 8.8: both bytes are signed, so 0xFF80 shows as -1.-128.
     swapBytes(&words[0], 2);
-    addField(false, offset, 0, 2, QStringLiteral("balance"),
-             Render::fixedPoint(qint8(words[0] >> 8), qint8(words[0] & 0xFF), valueBase), QString(),
-             QString(), -1);
+    reportField(offset, 2, "balance",
+                Render::fixedPoint(qint8(words[0] >> 8), qint8(words[0] & 0xFF), valueBase));
 
     swapBytes(&words[1], 2);
-    addField(false, offset + 2, 0, 2, QStringLiteral("reserved"), Render::i32(words[1], valueBase),
-             QString(), QString(), -1);
+    reportField(offset + 2, 2, "reserved", Render::i32(words[1], valueBase));
     return ParseOk;
 }

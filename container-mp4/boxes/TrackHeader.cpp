@@ -14,7 +14,7 @@ int ContainerMP4::parseBoxTKHD(quint64 offset, quint64 /*size*/)
     if (count < 3 * w + 68)
         return ParseTruncated;
 
-    FieldBlock fields(block, [this](void *data, quint8 size) { swapBytes(data, size); });
+    FieldBlock fields(*this, block);
     // Unsigned 16.16: a half of 0x8000 or more stays positive.
     auto sizeText = [this](quint32 value) {
         return Render::fixedPoint(value >> 16, value & 0xFFFF, valueBase);

@@ -10,8 +10,7 @@ int ContainerMP4::parseUnknownObject(quint64 offset, quint64 size)
     if (!showUnknownData || size == 0)
         return ParseOk;
 
-    const quint64 left = quint64(qMax<qint64>(input.size() - input.pos(), 0));
-    const quint64 wanted = qMin(qMin(size, maxUnknownDataSize), left);
+    const quint64 wanted = qMin(qMin(size, maxUnknownDataSize), input.bytesFrom(input.pos()));
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[wanted + 1]);
     if (!bytes)
         return ParseOutOfMemory;
@@ -21,7 +20,6 @@ int ContainerMP4::parseUnknownObject(quint64 offset, quint64 size)
         if (static_cast<signed char>(bytes[i]) < 32)
             bytes[i] = '.';
     }
-    addField(false, offset, 0, delivered, QStringLiteral("data"),
-             QString::fromLatin1(bytes.get(), qsizetype(delivered)), QString(), QString(), -1);
+    reportField(offset, delivered, "data", QString::fromLatin1(bytes.get(), qsizetype(delivered)));
     return ParseOk;
 }

@@ -6,8 +6,7 @@
 // Makes a stretch of the input, zero bytes and all, the value of the open element.
 int ContainerMP4::parseValueString(quint64 length)
 {
-    const quint64 left = quint64(qMax<qint64>(input.size() - input.pos(), 0));
-    const quint64 wanted = qMin(length, left);
+    const quint64 wanted = qMin(length, input.bytesFrom(input.pos()));
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[wanted ? wanted : 1]);
     if (!bytes)
         return ParseOutOfMemory;

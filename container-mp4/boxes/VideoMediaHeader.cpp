@@ -11,8 +11,7 @@ int ContainerMP4::parseBoxVMHD(quint64 offset, quint64 /*size*/)
     swapBytes(&words[0], 2);
     const QString modeComment =
         words[0] == 0 ? QStringLiteral("Copy over existing image.") : QString();
-    addField(false, offset, 0, 2, QStringLiteral("graphicsmode"), Render::i32(words[0], valueBase),
-             QString(), modeComment, -1);
+    reportField(offset, 2, "graphicsmode", Render::i32(words[0], valueBase), modeComment);
 
     // The colour is always decimal, whatever the base of the other values.
     QString color = QStringLiteral("%1, %2, %3");
@@ -20,7 +19,6 @@ int ContainerMP4::parseBoxVMHD(quint64 offset, quint64 /*size*/)
         swapBytes(&words[i], 2);
         color = color.arg(qulonglong(words[i]));
     }
-    addField(false, offset + 2, 0, 6, QStringLiteral("opcolor"), color, QString(),
-             QStringLiteral("red, green, blue"), -1);
+    reportField(offset + 2, 6, "opcolor", color, QStringLiteral("red, green, blue"));
     return ParseOk;
 }

@@ -20,7 +20,8 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        TableRecorder recorder(recordingDevice(chunkOffsetTables));
+        TableRecorder recorder(recordingDevice(&ContainerMP4::chunkOffsetTables));
+        const QString name = QStringLiteral("chunk_offset");
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount; ++i) {
             const quint64 position = 4 + width * quint64(i);
@@ -36,8 +37,8 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
                     break;
                 swapBytes(&chunkOffset, 8);
             }
-            addField(false, offset + position, 0, width, QStringLiteral("chunk_offset"),
-                     number.render(chunkOffset, valueBase), QString(), QString(), i);
+            reportListField(offset + position, width, name, number.render(chunkOffset, valueBase),
+                            i);
             recorder.record(&chunkOffset, 8);
         }
     }

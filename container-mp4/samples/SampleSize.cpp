@@ -15,16 +15,13 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
         return ParseOk;
     }
 
-    QIODevice *device = recordingDevice(sampleSizeTables);
-    if (currentTrackType == 0) {
+    QIODevice *device = recordingDevice(&ContainerMP4::sampleSizeTables);
+    if (device) {
         const quint32 leadingWord = sampleSize != 0 ? 1 : sampleCount;
-        if (device) {
-            device->seek(0);
-            device->write(reinterpret_cast<const char *>(&leadingWord), 4);
-            device->seek(4);
-        }
-        if (!sampleCounts.isEmpty())
-            sampleCounts.last() = sampleCount;
+        device->seek(0);
+        device->write(reinterpret_cast<const char *>(&leadingWord), 4);
+        device->seek(4);
+        sampleCounts.last() = sampleCount;
     }
 
     TableRecorder recorder(device);
@@ -32,12 +29,13 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
         recorder.record(&sampleSize, 4);
     } else {
         quint32 entrySize = 0;
+        const QString name = QStringLiteral("entry_size");
         Render::NumberText number;
         for (quint32 i = 0; i < sampleCount && reader.read(8 + 4 * quint64(i), &entrySize, 4);
              ++i) {
             swapBytes(&entrySize, 4);
-            addField(false, offset + 8 + 4 * quint64(i), 0, 4, QStringLiteral("entry_size"),
-                     number.render(entrySize, valueBase), QString(), QString(), i);
+            reportListField(offset + 8 + 4 * quint64(i), 4, name,
+                            number.render(entrySize, valueBase), i);
             recorder.record(&entrySize, 4);
         }
     }

@@ -11,7 +11,7 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        QIODevice *device = recordingDevice(sampleToChunkTables);
+        QIODevice *device = recordingDevice(&ContainerMP4::sampleToChunkTables);
         if (device) {
             device->seek(0);
             device->write(reinterpret_cast<const char *>(&entryCount), 4);
@@ -28,8 +28,8 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
             beginElement(position, 12, QStringLiteral("entry"), i);
             for (int word = 0; word < 3; ++word) {
                 swapBytes(&entry[word], 4);
-                addField(false, position + 4 * quint64(word), 0, 4, names[word],
-                         number.render(entry[word], valueBase), QString(), QString(), -1);
+                reportField(position + 4 * quint64(word), 4, names[word],
+                            number.render(entry[word], valueBase));
             }
             endElement();
             recorder.record(entry, 12);

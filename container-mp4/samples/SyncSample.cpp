@@ -11,17 +11,18 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        QIODevice *device = recordingDevice(syncSampleTables);
+        QIODevice *device = recordingDevice(&ContainerMP4::syncSampleTables);
         if (device)
             syncTableSeen.last() = true;
         TableRecorder recorder(device);
         quint32 sampleNumber = 0;
+        const QString name = QStringLiteral("sample_number");
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 4 * quint64(i), &sampleNumber, 4);
              ++i) {
             swapBytes(&sampleNumber, 4);
-            addField(false, offset + 4 + 4 * quint64(i), 0, 4, QStringLiteral("sample_number"),
-                     number.render(sampleNumber, valueBase), QString(), QString(), i);
+            reportListField(offset + 4 + 4 * quint64(i), 4, name,
+                            number.render(sampleNumber, valueBase), i);
             recorder.record(&sampleNumber, 4);
         }
     }

@@ -12,20 +12,20 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        QIODevice *device = recordingDevice(timeToSampleTables);
+        QIODevice *device = recordingDevice(&ContainerMP4::timeToSampleTables);
         TableRecorder recorder(device);
-        const quint64 wordLimit = quint64(qMax<qint64>(input.size(), 0));
+        const quint64 wordLimit = quint64(input.size());
+        const QString countName = QStringLiteral("sample_count");
+        const QString deltaName = QStringLiteral("sample_delta");
         quint32 entry[2];
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 8 * quint64(i), entry, 8); ++i) {
             const quint64 position = offset + 4 + 8 * quint64(i);
             beginElement(position, 8, QStringLiteral("entry"), i);
             swapBytes(&entry[0], 4);
-            addField(false, position, 0, 4, QStringLiteral("sample_count"),
-                     number.render(entry[0], valueBase), QString(), QString(), -1);
+            reportField(position, 4, countName, number.render(entry[0], valueBase));
             swapBytes(&entry[1], 4);
-            addField(false, position + 4, 0, 4, QStringLiteral("sample_delta"),
-                     number.render(entry[1], valueBase), QString(), QString(), -1);
+            reportField(position + 4, 4, deltaName, number.render(entry[1], valueBase));
             endElement();
 
             if (!device)

@@ -11,23 +11,23 @@
 int ContainerMP4::beginTrack()
 {
     const int stream = openStream();
-    for (QVector<QIODevice *> *tables : {&chunkOffsetTables, &sampleToChunkTables,
-                                         &sampleSizeTables, &timeToSampleTables, &syncSampleTables})
-        tables->append(nullptr);
+    for (TableList list : TableLists)
+        (this->*list).append(nullptr);
     syncTableSeen.append(false);
-    currentTrackType = 4;
+    currentTrackType = OtherTrack;
     return stream;
 }
 
 void ContainerMP4::endTrack(int stream)
 {
-    if (currentTrackType == 0)
+    if (currentTrackType == VideoTrack)
         enableSampleOutput(stream);
 }
 
-QIODevice *ContainerMP4::recordingDevice(QVector<QIODevice *> &tables)
+QIODevice *ContainerMP4::recordingDevice(TableList list)
 {
-    if (currentTrackType != 0 || tables.isEmpty())
+    QVector<QIODevice *> &tables = this->*list;
+    if (currentTrackType != VideoTrack || tables.isEmpty())
         return nullptr;
     if (!tables.last()) {
         auto *buffer = new QBuffer();
@@ -43,7 +43,6 @@ bool ContainerMP4::reportTableWord(TableReader &reader, quint64 offset, quint64 
     if (!reader.read(position, word, 4))
         return false;
     swapBytes(word, 4);
-    addField(false, offset + position, 0, 4, QString::fromLatin1(name),
-             Render::u32(*word, valueBase), QString(), QString(), -1);
+    reportField(offset + position, 4, name, Render::u32(*word, valueBase));
     return true;
 }

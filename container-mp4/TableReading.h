@@ -4,7 +4,6 @@
 
 #include <QIODevice>
 
-#include <algorithm>
 #include <cstring>
 
 // Reads the entries of a sample table box. An entry is read only while it lies whole inside

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QString>
+
+// What a sample entry type says of the codec: the number of the codec in the host's
+// numbering and its name for people. This table is the one place that names codecs; the
+// name travels with the stream record to every writer.
+struct Codec {
+    int id;
+    const char *name;
+};
+
+// The codec of a visual sample entry type, or null when the type names none that is known.
+const Codec *codecOf(const QString &sampleEntryType);
