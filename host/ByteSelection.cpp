@@ -1,22 +1,15 @@
 #include "ByteSelection.h"
 
-#include <algorithm>
-#include <limits>
+#include "Bounds.h"
 
-namespace {
-quint64 endOf(quint64 offset, quint64 size)
-{
-    return size > std::numeric_limits<quint64>::max() - offset ? std::numeric_limits<quint64>::max()
-                                                               : offset + size;
-}
-} // namespace
+#include <algorithm>
 
 ByteSelection::ByteSelection(quint64 limit)
     : byteLimit(limit)
 {
 }
 
-void ByteSelection::beginReport(quint64 size)
+void ByteSelection::beginReport(const QString &, quint64 size)
 {
     fileSize = size;
     total = 0;
@@ -27,14 +20,16 @@ void ByteSelection::beginReport(quint64 size)
     chosen.clear();
 }
 
-void ByteSelection::beginElement(quint64 offset, quint64 size, const QString &name)
+void ByteSelection::endReport()
 {
-    OpenElement element;
-    element.offset = offset;
-    element.size = size;
-    element.mediaPayload = name == QLatin1String("mdat") || name == QLatin1String("free") ||
-                           name == QLatin1String("skip");
-    open.push_back(element);
+    // Elements a parser left open end with the report.
+    while (!open.empty())
+        endElement();
+}
+
+void ByteSelection::beginElement(quint64 offset, quint64 size, const QString &, qint64)
+{
+    open.push_back({offset, size, false});
 }
 
 void ByteSelection::setElementOffset(quint64 offset)
@@ -49,23 +44,21 @@ void ByteSelection::setElementSize(quint64 size)
         open.back().size = size;
 }
 
-void ByteSelection::setElementNote(const QString &note)
+void ByteSelection::setElementState(ElementState)
 {
-    if (!open.empty() && (note == QLatin1String("Unknown element!") ||
-                          note == QLatin1String("Invalid element size.")))
-        open.back().notUnderstood = true;
+    if (!open.empty())
+        open.back().notRead = true;
 }
 
-void ByteSelection::addPositionField(quint64 offset, quint64 size)
+void ByteSelection::addPayloadField(quint64 offset, quint64 size, const QString &, Payload payload)
 {
     if (open.empty() || size == 0)
         return;
-    const OpenElement &element = open.back();
     const quint64 end = endOf(offset, size);
-    if (element.mediaPayload)
-        exclude(offset, end);
+    if (payload == Payload::Data)
+        exclude(std::max(offset, endOf(open.back().offset, KeptHead)), end);
     else
-        exclude(std::max(offset, endOf(element.offset, KeptHead)), end);
+        exclude(offset, end);
 }
 
 void ByteSelection::endElement()
@@ -74,7 +67,7 @@ void ByteSelection::endElement()
         return;
     const OpenElement element = open.back();
     open.pop_back();
-    if (element.notUnderstood)
+    if (element.notRead)
         exclude(endOf(element.offset, KeptHead), endOf(element.offset, element.size));
     if (open.empty()) {
         choose(element);

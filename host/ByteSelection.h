@@ -1,43 +1,32 @@
 #pragma once
 
+#include "ReportSink.h"
+
 #include <QString>
 #include <QtGlobal>
 
 #include <vector>
 
 // Chooses the bytes of a file that the HTML report carries for its hex view, from the
-// report's element calls: the bytes of every top-level element, less media payloads and
-// bulk data, up to a limit. Left out are:
-// - the fields shown only by position (no value) in mdat, free and skip: the media data;
-// - in other elements, what such fields hold beyond the element's first 4 KiB;
-// - in elements the parser did not understand (an unknown type or an invalid size),
+// report's calls: the bytes of every top-level element, less media payloads and bulk data,
+// up to a limit. Left out are:
+// - the payload fields of media data and filler;
+// - what other payload fields hold beyond their element's first 4 KiB;
+// - in elements whose content the parser did not read (an unknown type, an invalid size),
 //   everything beyond their first 4 KiB.
 // Only the current top-level element's exclusions are held, and the chosen ranges stop
 // at the limit, so memory stays bounded by the limit and the largest box's child count.
-class ByteSelection {
+class ByteSelection : public ReportSink {
 public:
     struct Range {
         quint64 offset = 0;
         quint64 size = 0;
-        bool operator==(const Range &other) const
-        {
-            return offset == other.offset && size == other.size;
-        }
     };
 
-    // Bytes kept of elements the parser did not understand and of position-only fields.
+    // Bytes kept of elements the parser did not read and of payload fields.
     static constexpr quint64 KeptHead = 4096;
 
     explicit ByteSelection(quint64 limit);
-
-    void beginReport(quint64 fileSize);
-    void beginElement(quint64 offset, quint64 size, const QString &name);
-    void setElementOffset(quint64 offset);
-    void setElementSize(quint64 size);
-    void setElementNote(const QString &note);
-    // A field of the innermost element shown only by its position (it has no value).
-    void addPositionField(quint64 offset, quint64 size);
-    void endElement();
 
     quint64 limit() const { return byteLimit; }
     // The chosen ranges in file order, none touching the next.
@@ -45,6 +34,26 @@ public:
     // Whether the limit left bytes out, and the first byte it left out.
     bool limitReached() const { return reached; }
     quint64 limitOffset() const { return reachedAt; }
+
+    void beginReport(const QString &fileName, quint64 fileSize) override;
+    void endReport() override;
+    void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index) override;
+    void setElementOffset(quint64 offset) override;
+    void setElementSize(quint64 size) override;
+    void setElementNote(const QString &) override {}
+    void setElementValue(const QString &) override {}
+    void setElementState(ElementState state) override;
+    void endElement() override;
+    void addField(bool, quint64, quint8, quint64, const QString &, const QString &, const QString &,
+                  const QString &, qint64) override
+    {
+    }
+    void addPayloadField(quint64 offset, quint64 size, const QString &name,
+                         Payload payload) override;
+    void addRawField(quint64, quint64, const quint8 *, const QString &, const QString &) override {}
+    void beginStream(int, const StreamInfo &) override {}
+    void addSample(quint64, const Sample &) override {}
+    void endStream() override {}
 
 private:
     // Bytes from begin up to end.
@@ -55,8 +64,7 @@ private:
     struct OpenElement {
         quint64 offset = 0;
         quint64 size = 0;
-        bool mediaPayload = false; // mdat, free, skip
-        bool notUnderstood = false;
+        bool notRead = false;
     };
 
     void exclude(quint64 begin, quint64 end);

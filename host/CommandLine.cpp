@@ -21,7 +21,8 @@ bool parseBase(const QString &option, const QString &text, int *base, QString *e
 }
 } // namespace
 
-bool parseCommandLine(const QStringList &arguments, Options *options, QString *error)
+bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, Options *options,
+                      QString *error)
 {
     bool optionsEnded = false;
     for (qsizetype i = 0; i < arguments.size(); ++i) {
@@ -124,6 +125,8 @@ bool parseCommandLine(const QStringList &arguments, Options *options, QString *e
             return false;
         }
     }
+    if (options->files.isEmpty() && !defaultFile.isEmpty())
+        options->files << defaultFile;
     if (options->files.isEmpty() && !options->help && !options->version) {
         *error = QStringLiteral("no file given");
         return false;

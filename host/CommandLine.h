@@ -20,9 +20,11 @@ struct Options {
 };
 
 // Reads the arguments that follow the program name. Options and files may mix; "--" ends
-// the options. Values go behind the option as the next argument or after "=".
+// the options. Values go behind the option as the next argument or after "=". Without a
+// file, defaultFile is taken when it is not empty.
 // Returns false with a message in *error on a usage error.
-bool parseCommandLine(const QStringList &arguments, Options *options, QString *error);
+bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, Options *options,
+                      QString *error);
 
 // The text of --help.
 QString usageText();

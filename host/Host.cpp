@@ -102,7 +102,9 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
 {
     Options options;
     QString error;
-    if (!parseCommandLine(arguments, &options, &error)) {
+    // ./run names the sample file here, so that it is shown when no file is given.
+    if (!parseCommandLine(arguments, qEnvironmentVariable("SARVELINTH_DEFAULT_FILE"), &options,
+                          &error)) {
         message(err, error);
         std::fprintf(err, "Try 'sarvelinth --help'.\n");
         return ExitUsage;
@@ -146,12 +148,16 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         status = qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err));
 
     writer->finish();
-    bool writeFailed = writer->failed();
+    int writeError = writer->writeError();
     writer.reset();
-    if (reportOut != out)
-        writeFailed |= std::fclose(reportOut) != 0;
-    if (writeFailed) {
-        message(err, QStringLiteral("cannot write the report"));
+    if (reportOut != out && std::fclose(reportOut) != 0 && writeError == 0)
+        writeError = errno;
+    if (writeError != 0) {
+        const QString target =
+            reportOut != out ? options.outputFile : QStringLiteral("standard output");
+        fileMessage(err, target,
+                    QStringLiteral("cannot write the report: %1")
+                        .arg(QString::fromLocal8Bit(std::strerror(writeError))));
         status = qMax(status, int(ExitFileFailed));
     }
     return status;

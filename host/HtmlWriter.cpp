@@ -4,24 +4,33 @@
 
 #include <QFile>
 
-#include <cstring>
-
 namespace {
 // Bytes read from the file at a time; a multiple of 3, so base64 pieces join seamlessly.
 constexpr qint64 ReadBlock = 48 * 1024;
+constexpr auto Escaping = OutputBuffer::Escaping::Script;
 } // namespace
 
-HtmlWriter::HtmlWriter(FILE *out, quint64 byteLimit)
-    : JsonWriter(out, OutputBuffer::Escaping::Script)
+HtmlWriter::HtmlWriter(FILE *file, quint64 byteLimit)
+    // The selection hears of each call first, so that its choice is complete when the JSON
+    // writer ends the document with the bytes.
+    : TeeWriter({&selection, &json})
+    , out(file)
     , selection(byteLimit)
+    , json(out, Escaping, JsonWriter::Keys::Annotated)
 {
+    json.setTrailer([this] { writeEmbeddedBytes(); });
+}
+
+void HtmlWriter::setContainerName(const QString &name)
+{
+    json.setContainerName(name);
 }
 
 void HtmlWriter::writeHead()
 {
     if (headWritten)
         return;
-    out.append(HtmlPageHead, std::strlen(HtmlPageHead));
+    out.appendCString(HtmlPageHead);
     headWritten = true;
 }
 
@@ -31,91 +40,45 @@ void HtmlWriter::beginScript()
     out.appendLiteral("<script type=\"application/json\" class=\"report\">");
 }
 
-void HtmlWriter::reportError(const QString &fileName, const QString &problem)
+void HtmlWriter::reportError(const QString &name, const QString &problem)
 {
     beginScript();
-    JsonWriter::reportError(fileName, problem);
+    json.reportError(name, problem);
     out.appendLiteral("</script>\n");
+}
+
+void HtmlWriter::flush()
+{
+    out.flush();
 }
 
 void HtmlWriter::finish()
 {
     writeHead();
-    out.append(HtmlPageTail, std::strlen(HtmlPageTail));
+    out.appendCString(HtmlPageTail);
     flush();
+}
+
+int HtmlWriter::writeError() const
+{
+    return out.writeError();
 }
 
 void HtmlWriter::beginReport(const QString &name, quint64 fileSize)
 {
     beginScript();
-    JsonWriter::beginReport(name, fileSize);
     fileName = name;
-    selection.beginReport(fileSize);
-    inReport = true;
-    inElements = true;
+    TeeWriter::beginReport(name, fileSize);
 }
 
 void HtmlWriter::endReport()
 {
-    if (!inReport)
-        return;
-    JsonWriter::endReport();
+    TeeWriter::endReport();
     out.appendLiteral("</script>\n");
-    inReport = false;
-    inElements = false;
 }
 
-void HtmlWriter::beginElement(quint64 offset, quint64 size, const QString &name, qint64 index)
+void HtmlWriter::writeEmbeddedBytes()
 {
-    JsonWriter::beginElement(offset, size, name, index);
-    if (inElements)
-        selection.beginElement(offset, size, name);
-}
-
-void HtmlWriter::setElementOffset(quint64 offset)
-{
-    JsonWriter::setElementOffset(offset);
-    selection.setElementOffset(offset);
-}
-
-void HtmlWriter::setElementSize(quint64 size)
-{
-    JsonWriter::setElementSize(size);
-    selection.setElementSize(size);
-}
-
-void HtmlWriter::setElementNote(const QString &text)
-{
-    JsonWriter::setElementNote(text);
-    selection.setElementNote(text);
-}
-
-void HtmlWriter::endElement()
-{
-    JsonWriter::endElement();
-    selection.endElement();
-}
-
-void HtmlWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
-                          const QString &name, const QString &value, const QString &extra,
-                          const QString &comment, qint64 index)
-{
-    JsonWriter::addField(bitField, offset, bitOffset, size, name, value, extra, comment, index);
-    if (inElements && !bitField && value.isEmpty())
-        selection.addPositionField(offset, size);
-}
-
-void HtmlWriter::beginStream(int index, const StreamInfo &info)
-{
-    // Closes the elements still open, which the selection then sees closed too.
-    JsonWriter::beginStream(index, info);
-    inElements = false;
-}
-
-void HtmlWriter::writeReportExtras()
-{
-    // The elements the parser left open are closed by now.
-    inElements = false;
     out.appendLiteral(",\"embeddedBytes\":{\"limit\":");
     out.appendUnsigned(selection.limit());
     out.appendLiteral(",\"limitReachedAt\":");
@@ -123,21 +86,19 @@ void HtmlWriter::writeReportExtras()
         out.appendUnsigned(selection.limitOffset());
     else
         out.appendLiteral("null");
-    writeRanges();
-    out.put('}');
-}
 
-void HtmlWriter::writeRanges()
-{
     QFile file(fileName);
     const bool readable = selection.ranges().empty() || file.open(QIODevice::ReadOnly);
     out.appendLiteral(",\"readError\":");
-    string(readable ? QString() : file.errorString());
+    out.appendString(readable ? QString() : file.errorString(), Escaping);
     out.appendLiteral(",\"ranges\":[");
-    if (!readable) {
-        out.put(']');
-        return;
-    }
+    if (readable)
+        writeRanges(file);
+    out.appendLiteral("]}");
+}
+
+void HtmlWriter::writeRanges(QFile &file)
+{
     QByteArray block(ReadBlock, Qt::Uninitialized);
     bool first = true;
     for (const ByteSelection::Range &range : selection.ranges()) {
@@ -161,5 +122,4 @@ void HtmlWriter::writeRanges()
         }
         out.appendLiteral("\"}");
     }
-    out.put(']');
 }

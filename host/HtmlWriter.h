@@ -2,47 +2,46 @@
 
 #include "ByteSelection.h"
 #include "JsonWriter.h"
+#include "OutputBuffer.h"
+#include "TeeWriter.h"
+
+class QFile;
 
 // Writes one self-contained HTML page for all reports: the page's head, then each report
-// as the JSON writer's document inside a <script type="application/json"> element, then
-// the page's tail with the script that shows them. No part of the page loads anything.
+// as the JSON writer's annotated document inside a <script type="application/json">
+// element, then the page's tail with the script that shows them. No part of the page loads
+// anything.
 //
-// Each report document carries one member more, "embeddedBytes", with bytes of the file
-// for the hex view (which ones: ByteSelection), read from the file after its report.
-// Strings are escaped so that no text of the file can end the script element.
-class HtmlWriter : public JsonWriter {
+// Each report goes to the byte selection as well, and its document carries one member
+// more, "embeddedBytes", with the bytes of the file the selection chose for the hex view,
+// read from the file after its report. Strings are escaped so that no text of the file
+// can end the script element.
+class HtmlWriter : public TeeWriter {
 public:
     static constexpr quint64 DefaultByteLimit = 16 * 1024 * 1024;
 
-    explicit HtmlWriter(FILE *out, quint64 byteLimit = DefaultByteLimit);
+    explicit HtmlWriter(FILE *file, quint64 byteLimit = DefaultByteLimit);
 
+    void setContainerName(const QString &name) override;
     void reportError(const QString &fileName, const QString &problem) override;
+    void flush() override;
     void finish() override;
+    int writeError() const override;
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;
-    void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index) override;
-    void setElementOffset(quint64 offset) override;
-    void setElementSize(quint64 size) override;
-    void setElementNote(const QString &text) override;
-    void endElement() override;
-    void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
-                  const QString &name, const QString &value, const QString &extra,
-                  const QString &comment, qint64 index) override;
-    void beginStream(int index, const StreamInfo &info) override;
-
-protected:
-    void writeReportExtras() override;
 
 private:
     void writeHead();
     void beginScript();
-    // The chosen bytes of the file, as base64 text, read piece by piece.
-    void writeRanges();
+    // The "embeddedBytes" member: the chosen bytes of the file as base64 text, read piece
+    // by piece.
+    void writeEmbeddedBytes();
+    void writeRanges(QFile &file);
 
+    OutputBuffer out;
     ByteSelection selection;
+    JsonWriter json;
     QString fileName;
     bool headWritten = false;
-    bool inReport = false;
-    bool inElements = false;
 };

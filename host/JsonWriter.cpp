@@ -1,13 +1,45 @@
 #include "JsonWriter.h"
 
-JsonWriter::JsonWriter(FILE *out)
-    : JsonWriter(out, OutputBuffer::Escaping::Json)
+namespace {
+const char *payloadText(Payload payload)
+{
+    switch (payload) {
+    case Payload::MediaData:
+        return "media-data";
+    case Payload::Filler:
+        return "filler";
+    case Payload::Data:
+        break;
+    }
+    return "data";
+}
+
+const char *stateText(ElementState state)
+{
+    switch (state) {
+    case ElementState::InvalidSize:
+        return "invalid-size";
+    case ElementState::TooDeep:
+        return "too-deep";
+    case ElementState::UnknownType:
+        break;
+    }
+    return "unknown-type";
+}
+} // namespace
+
+JsonWriter::JsonWriter(FILE *out, Keys keys)
+    : ownBuffer(std::make_unique<OutputBuffer>(out))
+    , out(*ownBuffer)
+    , escaping(OutputBuffer::Escaping::Json)
+    , annotated(keys == Keys::Annotated)
 {
 }
 
-JsonWriter::JsonWriter(FILE *out, OutputBuffer::Escaping escaping)
+JsonWriter::JsonWriter(OutputBuffer &out, OutputBuffer::Escaping escaping, Keys keys)
     : out(out)
     , escaping(escaping)
+    , annotated(keys == Keys::Annotated)
 {
 }
 
@@ -31,16 +63,14 @@ void JsonWriter::flush()
     out.flush();
 }
 
-bool JsonWriter::failed() const
+int JsonWriter::writeError() const
 {
-    return out.failed();
+    return out.writeError();
 }
 
 void JsonWriter::string(const QString &text)
 {
-    out.put('"');
-    out.appendText(text, escaping);
-    out.put('"');
+    out.appendString(text, escaping);
 }
 
 void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
@@ -68,7 +98,8 @@ void JsonWriter::endReport()
         endStream();
     leaveElements();
     out.put(']');
-    writeReportExtras();
+    if (trailer)
+        trailer();
     out.appendLiteral("}\n");
     inReport = false;
     out.flush();
@@ -99,6 +130,7 @@ void JsonWriter::beginElement(quint64 offset, quint64 size, const QString &name,
     element.size = size;
     element.note.clear();
     element.value.clear();
+    element.state = nullptr;
     element.hasChildren = false;
 }
 
@@ -126,6 +158,12 @@ void JsonWriter::setElementValue(const QString &text)
         open[depth - 1].value = text;
 }
 
+void JsonWriter::setElementState(ElementState state)
+{
+    if (depth > 0 && annotated)
+        open[depth - 1].state = stateText(state);
+}
+
 void JsonWriter::endElement()
 {
     if (depth == 0)
@@ -139,6 +177,11 @@ void JsonWriter::endElement()
     string(element.note);
     out.appendLiteral(",\"value\":");
     string(element.value);
+    if (element.state) {
+        out.appendLiteral(",\"state\":\"");
+        out.appendCString(element.state);
+        out.put('"');
+    }
     out.put('}');
 }
 
@@ -148,6 +191,27 @@ void JsonWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint
 {
     if (!inElements)
         return;
+    writeField(bitField, offset, bitOffset, size, name, value, extra, comment, index);
+    out.put('}');
+}
+
+void JsonWriter::addPayloadField(quint64 offset, quint64 size, const QString &name, Payload payload)
+{
+    if (!inElements)
+        return;
+    writeField(false, offset, 0, size, name, QString(), QString(), QString(), -1);
+    if (annotated) {
+        out.appendLiteral(",\"payload\":\"");
+        out.appendCString(payloadText(payload));
+        out.put('"');
+    }
+    out.put('}');
+}
+
+void JsonWriter::writeField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                            const QString &name, const QString &value, const QString &extra,
+                            const QString &comment, qint64 index)
+{
     beginNode();
     out.appendLiteral("{\"kind\":\"field\",\"name\":");
     string(name);
@@ -168,7 +232,6 @@ void JsonWriter::addField(bool bitField, quint64 offset, quint8 bitOffset, quint
     string(comment);
     out.appendLiteral(",\"index\":");
     out.appendSigned(index);
-    out.put('}');
 }
 
 void JsonWriter::addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
@@ -219,6 +282,10 @@ void JsonWriter::beginStream(int index, const StreamInfo &info)
     out.appendSigned(info.height);
     out.appendLiteral(",\"codecId\":");
     out.appendSigned(info.codecId);
+    if (annotated) {
+        out.appendLiteral(",\"codecName\":");
+        string(info.codecName);
+    }
     out.appendLiteral(",\"configOffset\":");
     out.appendUnsigned(info.configOffset);
     out.appendLiteral(",\"configSize\":");

@@ -3,21 +3,35 @@
 #include "OutputBuffer.h"
 #include "ReportWriter.h"
 
+#include <functional>
+#include <memory>
 #include <vector>
 
 // Writes each report as one JSON object on one line: the file, its element tree and its
 // streams with their samples. docs/json-format.md describes the document.
 //
 // Everything is written as it arrives, except what the model delivers late: an element's
-// offset, size, note and value go behind its children, so only the open elements are held.
+// offset, size, note, state and value go behind its children, so only the open elements
+// are held.
 class JsonWriter : public ReportWriter {
 public:
-    explicit JsonWriter(FILE *out);
+    // Plain documents hold the keys every version of the report has held; annotated ones
+    // add what a viewer needs beyond them: the codec's name, what the bytes of a payload
+    // field hold and why an element's content was not read.
+    enum class Keys { Plain, Annotated };
+
+    explicit JsonWriter(FILE *out, Keys keys = Keys::Plain);
+    // A writer into a buffer shared with the text around the documents, such as a page.
+    JsonWriter(OutputBuffer &out, OutputBuffer::Escaping escaping, Keys keys);
+
+    // Writes further members of the report object behind "streams": called at the end of
+    // each report, it writes each member led by a comma.
+    void setTrailer(std::function<void()> writeMembers) { trailer = std::move(writeMembers); }
 
     void setContainerName(const QString &name) override;
     void reportError(const QString &fileName, const QString &problem) override;
     void flush() override;
-    bool failed() const override;
+    int writeError() const override;
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;
@@ -26,27 +40,18 @@ public:
     void setElementSize(quint64 size) override;
     void setElementNote(const QString &text) override;
     void setElementValue(const QString &text) override;
+    void setElementState(ElementState state) override;
     void endElement() override;
     void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
                   const QString &name, const QString &value, const QString &extra,
                   const QString &comment, qint64 index) override;
+    void addPayloadField(quint64 offset, quint64 size, const QString &name,
+                         Payload payload) override;
     void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                      const QString &comment) override;
     void beginStream(int index, const StreamInfo &info) override;
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void endStream() override;
-
-protected:
-    // For writers that embed the documents in other text: strings are written with the
-    // given escaping.
-    JsonWriter(FILE *out, OutputBuffer::Escaping escaping);
-
-    // Writes further members of the report object behind "streams", each led by a comma.
-    virtual void writeReportExtras() {}
-    // A JSON string.
-    void string(const QString &text);
-
-    OutputBuffer out;
 
 private:
     // What an open element still has to write when it closes.
@@ -55,15 +60,25 @@ private:
         quint64 size = 0;
         QString note;
         QString value;
+        const char *state = nullptr; // the annotation, when the content was not read
         bool hasChildren = false;
     };
 
+    void string(const QString &text);
+    // A field object without its closing brace.
+    void writeField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
+                    const QString &name, const QString &value, const QString &extra,
+                    const QString &comment, qint64 index);
     // Separates a node from the one before it in the same list.
     void beginNode();
     // Closes the elements still open and the element list, and opens the stream list.
     void leaveElements();
 
+    std::unique_ptr<OutputBuffer> ownBuffer;
+    OutputBuffer &out;
     OutputBuffer::Escaping escaping;
+    bool annotated;
+    std::function<void()> trailer;
     QString containerName;
     // Open elements; entries beyond `depth` are kept to be reused.
     std::vector<OpenElement> open;

@@ -56,7 +56,8 @@ void OutputBuffer::appendLong(const char *text, size_t length)
 {
     drain();
     if (length > capacity) {
-        writeFailed |= std::fwrite(text, 1, length, out) != length;
+        if (std::fwrite(text, 1, length, out) != length)
+            writeFailed();
         return;
     }
     std::memcpy(data.get(), text, length);
@@ -181,13 +182,20 @@ void OutputBuffer::flush()
 {
     drain();
     if (std::fflush(out) != 0)
-        writeFailed = true;
+        writeFailed();
 }
 
 void OutputBuffer::drain()
 {
     if (used == 0)
         return;
-    writeFailed |= std::fwrite(data.get(), 1, used, out) != used;
+    if (std::fwrite(data.get(), 1, used, out) != used)
+        writeFailed();
     used = 0;
+}
+
+void OutputBuffer::writeFailed()
+{
+    if (error == 0)
+        error = errno != 0 ? errno : EIO;
 }

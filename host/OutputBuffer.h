@@ -3,6 +3,7 @@
 #include <QString>
 #include <QtAlgorithms>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -42,6 +43,7 @@ public:
         }
     }
     template <size_t N> void appendLiteral(const char (&text)[N]) { append(text, N - 1); }
+    void appendCString(const char *text) { append(text, std::strlen(text)); }
     void appendUnsigned(quint64 value)
     {
         reserve(MaxDigits);
@@ -68,6 +70,13 @@ public:
     void appendBase64(const quint8 *bytes, quint64 count);
     // UTF-8 of the text. Lone surrogates become U+FFFD, so the output is always valid UTF-8.
     void appendText(const QString &text, Escaping escaping);
+    // The text as a JSON string: in quotes, with the given escaping.
+    void appendString(const QString &text, Escaping escaping)
+    {
+        put('"');
+        appendText(text, escaping);
+        put('"');
+    }
 
     // The number of decimal digits of value.
     static int decimalDigits(quint64 value)
@@ -79,8 +88,8 @@ public:
 
     // Writes out the buffer and flushes the stream.
     void flush();
-    // Whether a write to the stream has failed.
-    bool failed() const { return writeFailed || std::ferror(out) != 0; }
+    // The error number of the first write to the stream that failed, 0 while none has.
+    int writeError() const { return error != 0 ? error : std::ferror(out) != 0 ? EIO : 0; }
 
 private:
     static constexpr size_t MaxDigits = 20;
@@ -119,10 +128,12 @@ private:
     // Appends a text that does not fit into what is left of the buffer.
     void appendLong(const char *text, size_t length);
     void drain();
+    // Takes note of a failed write.
+    void writeFailed();
 
     FILE *out;
     size_t capacity;
     std::unique_ptr<char[]> data;
     size_t used = 0;
-    bool writeFailed = false;
+    int error = 0;
 };

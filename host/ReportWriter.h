@@ -17,6 +17,6 @@ public:
     // Ends the output after the last report: writers whose reports sit in a frame close
     // it. Then writes out everything.
     virtual void finish() { flush(); }
-    // Whether writing to the output failed.
-    virtual bool failed() const = 0;
+    // The error number of the first write to the output that failed, 0 while none has.
+    virtual int writeError() const = 0;
 };

@@ -10,21 +10,6 @@ constexpr int KeyWidth = 4;
 
 // Field lines start with the field's place, padded to this width so that names line up.
 constexpr int PlaceWidth = 14;
-
-// Names of the codec numbers that the parsers store.
-const char *codecName(int codecId)
-{
-    switch (codecId) {
-    case 5:
-        return "H.263";
-    case 13:
-        return "MPEG-4 Visual";
-    case 28:
-        return "H.264";
-    default:
-        return nullptr;
-    }
-}
 } // namespace
 
 TextWriter::TextWriter(FILE *out, bool showSamples)
@@ -48,9 +33,9 @@ void TextWriter::flush()
     out.flush();
 }
 
-bool TextWriter::failed() const
+int TextWriter::writeError() const
 {
-    return out.failed();
+    return out.writeError();
 }
 
 void TextWriter::text(const QString &value)
@@ -161,7 +146,7 @@ void TextWriter::writeElementLine(const char *label, const QString &value)
     if (depth == 0)
         return;
     beginChildLine();
-    out.append(label, qstrlen(label));
+    out.appendCString(label);
     text(value);
     out.put('\n');
 }
@@ -250,9 +235,9 @@ void TextWriter::writeStreamLine(bool withCount)
     out.appendSigned(streamIndex);
     out.appendLiteral(": codec ");
     out.appendSigned(stream.codecId);
-    if (const char *name = codecName(stream.codecId)) {
+    if (!stream.codecName.isEmpty()) {
         out.appendLiteral(" (");
-        out.append(name, std::strlen(name));
+        text(stream.codecName);
         out.put(')');
     }
     out.appendLiteral(", ");

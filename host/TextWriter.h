@@ -19,7 +19,7 @@ public:
     void setContainerName(const QString &name) override;
     void reportError(const QString &fileName, const QString &problem) override;
     void flush() override;
-    bool failed() const override;
+    int writeError() const override;
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;

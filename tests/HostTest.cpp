@@ -4,7 +4,6 @@
 
 #include "Support.h"
 
-#include "ByteSelection.h"
 #include "HtmlWriter.h"
 #include "JsonWriter.h"
 #include "OutputBuffer.h"
@@ -25,7 +24,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <vector>
 
 namespace {
 
@@ -72,10 +70,10 @@ QByteArray written(const std::function<void(FILE *)> &write)
 }
 
 // The JSON report of one file, as the command writes it.
-QByteArray jsonReportOf(const QString &fileName)
+QByteArray jsonReportOf(const QString &fileName, JsonWriter::Keys keys = JsonWriter::Keys::Plain)
 {
     return written([&](FILE *out) {
-        JsonWriter writer(out);
+        JsonWriter writer(out, keys);
         writer.setContainerName("MP4");
         TestParser().parse(fileName, writer);
         writer.finish();
@@ -101,7 +99,7 @@ void writeCraftedReport(ReportWriter &&writer)
     writer.setElementValue("v");
     writer.setElementNote("Unknown element!");
     writer.endElement();
-    writer.beginStream(0, StreamInfo{64, 48, 0, 28, 40, 9});
+    writer.beginStream(0, StreamInfo{64, 48, 0, 28, 40, 9, "H.264"});
     writer.addSample(0, Sample{48, 1000, 0, 512, 512, 1});
     writer.addSample(1, Sample{~0ULL, 1000, 0, 512, 512, 0});
     writer.endStream();
@@ -155,6 +153,10 @@ TEST(Host, ExitStatusesAndMessages)
         {{"-o", SampleFile, SampleFile}, 2, "sarvelinth: " + SampleFile + ": is an input file; not overwritten\n"},
         {{"-o", none + "/missing/x", SampleFile}, 1, "sarvelinth: " + none + "/missing/x: cannot write: No such file or directory\n"},
         {{movie}, 3, "sarvelinth: " + movie + ": not a supported container format (supported: mp4, f4v)\n"},
+        // The worst problem of several files decides; a report that cannot be written does not
+        // stop the files behind it.
+        {{"no.mp4", movie, SampleFile}, 3, "sarvelinth: no.mp4: no such file\nsarvelinth: " + movie + ": not a supported...\n" + ok},
+        {{"-o", "/dev/full", SampleFile, "no.mp4", SampleFile}, 1, ok + "sarvelinth: no.mp4: no such file\n" + ok + "sarvelinth: /dev/full: cannot write the report: No space left on device\n"},
         {{"--plugin-dir", none, SampleFile}, 3, "sarvelinth: " + broken + ": ...\nsarvelinth: no container plugins found in " + none + "\n..."},
         // clang-format on
     };
@@ -232,7 +234,7 @@ TEST(HtmlWriter, OnePageEmbedsEachJsonDocumentWithTheBytesOfItsBoxes)
     const QByteArray bytes = file.readAll();
     // ftyp, the header of free (it has no payload) and of mdat, then the whole moov.
     const QByteArray document =
-        jsonReportOf(sample).chopped(2) +
+        jsonReportOf(sample, JsonWriter::Keys::Annotated).chopped(2) +
         ",\"embeddedBytes\":{\"limit\":1600,\"limitReachedAt\":null,\"readError\":\"\","
         "\"ranges\":[{\"offset\":0,\"data\":\"" +
         bytes.left(48).toBase64() + "\"},{\"offset\":4457,\"data\":\"" +
@@ -284,55 +286,54 @@ TEST(HtmlWriter, HostileTextsStayInsideTheScriptElement)
         EXPECT_EQ(elements[i]["children"][0]["comment"].toString(), hostile[i]);
 }
 
-TEST(ByteSelection, LeavesOutMediaPayloadsAndBulkData)
+// The bytes a page carries of a file: every box but media data and filler, and of data the
+// parser does not read only the head. A file that is gone by the time its bytes are read gives
+// its reason instead.
+TEST(HtmlWriter, EmbeddedBytesLeaveOutMediaAndKeepTheHeadOfUnreadData)
 {
-    // The script's calls are separated by spaces: "moov@0+40" begins an element, "/" ends
-    // it, "p8+4" is a field shown only by position, "o8" and "z8" set the open element's
-    // offset and size, and "!a_note" sets the note "a note".
-    const struct {
-        const char *script;
-        quint64 fileSize;
-        quint64 limit;
-        std::vector<ByteSelection::Range> ranges;
-        quint64 limitOffset; // 0: limit not reached
-    } cases[] = {
-        // clang-format off
-        // A free box inside another box.
-        {"moov@0+200 free@50+20 p58+12 / /", 300, 1000, {{0, 58}, {70, 130}}, 0},
-        // Unknown data and data shown only by position, beyond the first 4 KiB.
-        {"abcd@0+10000 !Unknown_element! / moov@10000+10000 wxyz@10008+9992 !Invalid_element_size. / /", 20000, 1 << 20, {{0, 4096}, {10000, 4104}}, 0},
-        {"stsd@0+10000 p16+9984 /", 10000, 1 << 20, {{0, 4096}}, 0},
-        // A box reaching past the end of the file; a list entry that learns its place late.
-        {"moov@0+2147483648 / moov@200+8 /", 100, 1000, {{0, 100}}, 0},
-        {"entry@0+0 o10 z20 /", 100, 1000, {{10, 20}}, 0},
-        {"ftyp@0+80 / mdat@80+8 / moov@88+100 / moov@188+100 /", 1000, 100, {{0, 100}}, 100},
-        // clang-format on
+    using namespace bytes;
+    QTemporaryDir dir;
+    const QString path = dir.filePath("crafted.mp4");
+    const QByteArray file = cat({
+        box("ftyp", text("isom") + u32(0) + text("isom")), // @0, 20 bytes
+        box("free", zeros(100)),                           // @20: payload left out
+        box("abcd", zeros(9992)),                          // @128: unknown, head kept
+        fullBox("iods", 0, 0, zeros(9988)),                // @10128: data, head kept
+        box("mdat", zeros(100)),                           // @20128: payload left out
+        u32(1000) + text("moov") + box("udta"),            // @20236: past the end of the file
+    });
+    ASSERT_TRUE(writeFile(path, file));
+    const auto embedded = [](const std::function<void(HtmlWriter &)> &report) {
+        const QByteArray page = written([&](FILE *out) {
+            HtmlWriter writer(out);
+            writer.setContainerName("MP4");
+            report(writer);
+            writer.finish();
+        });
+        return QJsonDocument::fromJson(documentsOf(page).value(0))
+            .object()["embeddedBytes"]
+            .toObject();
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.script);
-        ByteSelection selection(c.limit);
-        selection.beginReport(c.fileSize);
-        for (const QString &call : QString::fromLatin1(c.script).split(' ')) {
-            const qsizetype at = call.indexOf('@');
-            const QStringList numbers = call.mid(at + 1 + (at < 0 ? 1 : 0)).split('+');
-            const quint64 first = numbers.value(0).toULongLong();
-            if (at >= 0)
-                selection.beginElement(first, numbers.value(1).toULongLong(), call.left(at));
-            else if (call == "/")
-                selection.endElement();
-            else if (call[0] == 'p')
-                selection.addPositionField(first, numbers.value(1).toULongLong());
-            else if (call[0] == 'o')
-                selection.setElementOffset(first);
-            else if (call[0] == 'z')
-                selection.setElementSize(first);
-            else
-                selection.setElementNote(call.mid(1).replace('_', ' '));
-        }
-        EXPECT_EQ(selection.ranges(), c.ranges);
-        EXPECT_EQ(selection.limitOffset(), c.limitOffset);
-        EXPECT_EQ(selection.limitReached(), c.limitOffset != 0);
+    const QJsonObject bytes =
+        embedded([&](HtmlWriter &writer) { TestParser().parse(path, writer); });
+    QString ranges;
+    for (const QJsonValue &range : bytes["ranges"].toArray()) {
+        const QByteArray data = QByteArray::fromBase64(range["data"].toString().toLatin1());
+        const qint64 offset = range["offset"].toInteger();
+        EXPECT_EQ(data, file.mid(offset, data.size()));
+        ranges += QStringLiteral("%1+%2 ").arg(offset).arg(data.size());
     }
+    EXPECT_EQ(ranges, "0+28 128+4096 10128+4096 20128+8 20236+16 ");
+    EXPECT_EQ(bytes["readError"].toString(), "");
+
+    const QJsonObject gone = embedded([&](HtmlWriter &writer) {
+        writer.beginReport(dir.filePath("gone.mp4"), 100);
+        writer.beginElement(0, 100, "moov", -1);
+        writer.endElement();
+        writer.endReport();
+    });
+    EXPECT_EQ(gone["readError"].toString(), "No such file or directory");
+    EXPECT_EQ(gone["ranges"].toArray().size(), 0);
 }
 
 TEST(NumberText, HasTheDigitsOfQStringNumberInEveryBase)

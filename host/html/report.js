@@ -6,7 +6,6 @@
 // fields, hex, samples) render only the rows in view.
 (function () {
   const $ = (id) => document.getElementById(id);
-  const CODECS = { 28: 'H.264', 13: 'MPEG-4 Visual', 5: 'H.263' };
   const BYTES_PER_ROW = 16;
 
   // ---- Numbers -------------------------------------------------------------------------
@@ -822,7 +821,7 @@
       row.append(el('th', '', label), cell);
       facts.append(row);
     };
-    const codec = CODECS[stream.codecId];
+    const codec = stream.codecName;
     addFact('Stream', String(stream.index));
     addFact('Codec', codec ? `${codec} (${stream.codecId})` : `unknown (${stream.codecId})`);
     addFact('Width', `${stream.width} px`);
@@ -1113,7 +1112,7 @@
     };
     add('boxes', `Boxes (${report.all.length})`);
     (report.streams || []).forEach((stream, i) => {
-      const codec = CODECS[stream.codecId] || 'unknown codec';
+      const codec = stream.codecName || 'unknown codec';
       const count = stream.samples ? stream.samples.length : 0;
       const picture = stream.width || stream.height ? ` ${stream.width}×${stream.height}` : '';
       add(String(i), `Stream ${stream.index}: ${codec}${picture}, ${count} samples`);
