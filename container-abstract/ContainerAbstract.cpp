@@ -28,6 +28,7 @@ void ContainerAbstract::configure(const Settings &settings)
     showUnknownData = settings.showUnknownData;
     sizeBase = settings.sizeBase;
     valueBase = settings.valueBase;
+    deepAnalysis = settings.deepAnalysis;
 }
 
 ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, ReportSink &sink,
@@ -153,14 +154,27 @@ void ContainerAbstract::swapBytes(void *data, quint8 size)
 
 int ContainerAbstract::reportSample(uint stream, quint64 sampleIndex)
 {
+    if (ReportSink *output = sampleOutputFor(stream))
+        output->addSample(sampleIndex, currentSample);
+    return 0;
+}
+
+void ContainerAbstract::reportTrackSample(int stream, quint64 sampleIndex,
+                                          const TrackSample &sample)
+{
+    if (ReportSink *output = sampleOutputFor(uint(stream)))
+        output->addTrackSample(sampleIndex, sample);
+}
+
+ReportSink *ContainerAbstract::sampleOutputFor(uint stream)
+{
     if (stream >= uint(sampleOutputs.size()) || !sampleOutputs[int(stream)])
-        return 0;
+        return nullptr;
     // The sink receives streams in order; a sample of a stream already passed is dropped.
     if (int(stream) < openStreamIndex)
-        return 0;
+        return nullptr;
     advanceStreamsTo(int(stream));
-    sampleOutputs[int(stream)]->addSample(sampleIndex, currentSample);
-    return 0;
+    return sampleOutputs[int(stream)];
 }
 
 void ContainerAbstract::advanceStreamsTo(int stream)

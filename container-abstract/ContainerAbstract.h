@@ -54,6 +54,8 @@ public:
         bool showUnknownData = true;
         int sizeBase = 10;
         int valueBase = 10;
+        // Deep analysis: the wider vocabulary of boxes and the samples of every track.
+        bool deepAnalysis = false;
     };
 
     ContainerAbstract();
@@ -91,6 +93,8 @@ protected:
     void setElementValue(const QString &text);
     void swapBytes(void *data, quint8 size);
     int reportSample(uint stream, quint64 sampleIndex);
+    // The same for a sample of deep analysis, which brings its own record.
+    void reportTrackSample(int stream, quint64 sampleIndex, const TrackSample &sample);
 
     // Opens the entries of a new stream: a zeroed StreamInfo, a sample count of 0 and no
     // sample output. Returns the stream's index.
@@ -102,6 +106,7 @@ protected:
     bool showUnknownData = true;
     int sizeBase = 10;
     int valueBase = 10;
+    bool deepAnalysis = false;
     InputDevice input;
     quint64 currentOffset = 0;
     QVector<ReportSink *> sampleOutputs;
@@ -113,6 +118,9 @@ protected:
 
 private:
     RunResult run(const QString &fileName, ReportSink &sink);
+    // Where a sample of the stream goes, with the streams before it begun and ended; null
+    // when its samples are not wanted.
+    ReportSink *sampleOutputFor(uint stream);
     void advanceStreamsTo(int stream);
 
     ReportSink *sink = nullptr;

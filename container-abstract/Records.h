@@ -3,6 +3,8 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <optional>
+
 // The sample slot: the sample a parser is about to hand over.
 struct Sample {
     quint64 offset = 0;
@@ -13,6 +15,19 @@ struct Sample {
     quint32 keyFrame = 0;
 };
 
+// What deep analysis tells of the track behind a stream.
+struct TrackFacts {
+    quint32 trackId = 0;
+    QString handlerType;   // the handler of the track's media, such as "vide" or "soun"
+    quint32 timescale = 0; // time units per second of the track's media; 0 when not known
+    quint64 duration = 0;  // in the track's time units
+    QString language;
+    QString sampleEntry; // the type of the first sample entry, such as "avc1"
+    // Of an audio sample entry; 0 for others.
+    quint32 channelCount = 0;
+    quint32 sampleRate = 0;
+};
+
 // Facts of one stream, filled in by the parser while it walks the stream's boxes.
 struct StreamInfo {
     int width = 0;
@@ -21,7 +36,28 @@ struct StreamInfo {
     int codecId = 0;
     quint64 configOffset = 0;
     quint64 configSize = 0;
-    QString codecName; // the codec for people, such as "H.264"; empty when not known
+    QString codecName;               // the codec for people, such as "H.264"; empty when not known
+    std::optional<TrackFacts> track; // deep analysis only
+};
+
+// A sample as deep analysis reports it: times in 64 bits, signed where composition offsets
+// make them so, the time it is presented at, and the table entries that made it.
+struct TrackSample {
+    quint64 offset = 0;
+    quint64 size = 0;
+    qint64 dts = 0;
+    qint64 pts = 0;
+    quint32 duration = 0;
+    bool keyFrame = false;
+    // The pts mapped through the track's edit list onto the movie's timeline, in the
+    // track's time units; absent where no edit presents the sample.
+    std::optional<qint64> presentationTime;
+    // A sample of the sample tables: its chunk, counted from 1, and the 0-based entries of
+    // sample-to-chunk, time-to-sample and composition offsets (-1: no such table).
+    quint64 chunk = 0;
+    qint64 sampleToChunkEntry = -1;
+    qint64 timeToSampleEntry = -1;
+    qint64 compositionEntry = -1;
 };
 
 // What the bytes of a field shown only by its position hold. Writers that keep a file's

@@ -4,6 +4,12 @@ ReportSink::~ReportSink() = default;
 
 void ReportSink::setElementState(ElementState) {}
 
+void ReportSink::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
+{
+    addSample(sampleIndex, Sample{sample.offset, sample.size, quint32(sample.dts),
+                                  quint32(sample.pts), sample.duration, sample.keyFrame ? 1u : 0u});
+}
+
 void ReportSink::addPayloadField(quint64 offset, quint64 size, const QString &name, Payload)
 {
     addField(false, offset, 0, size, name, QString(), QString(), QString(), -1);

@@ -40,5 +40,8 @@ public:
     // Streams come after the element tree, in index order, each with its samples.
     virtual void beginStream(int index, const StreamInfo &info) = 0;
     virtual void addSample(quint64 sampleIndex, const Sample &sample) = 0;
+    // A sample of deep analysis. Sinks that do not tell them apart take it as a sample
+    // whose times are cut to the sample slot's 32 bits.
+    virtual void addTrackSample(quint64 sampleIndex, const TrackSample &sample);
     virtual void endStream() = 0;
 };

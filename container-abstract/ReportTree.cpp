@@ -93,4 +93,10 @@ void ReportTree::addSample(quint64 sampleIndex, const Sample &sample)
     streams.last().sampleIndexes.append(sampleIndex);
 }
 
+void ReportTree::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
+{
+    streams.last().trackSamples.append(sample);
+    streams.last().sampleIndexes.append(sampleIndex);
+}
+
 void ReportTree::endStream() {}

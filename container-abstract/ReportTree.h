@@ -38,7 +38,8 @@ public:
         int index = 0;
         StreamInfo info;
         QVector<Sample> samples;
-        QVector<quint64> sampleIndexes;
+        QVector<TrackSample> trackSamples; // of deep analysis
+        QVector<quint64> sampleIndexes;    // of either kind
     };
 
     QString fileName;
@@ -61,6 +62,7 @@ public:
                      const QString &comment) override;
     void beginStream(int index, const StreamInfo &info) override;
     void addSample(quint64 sampleIndex, const Sample &sample) override;
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
 
     // Number of elements still open; 0 in a balanced report.

@@ -1,5 +1,7 @@
 #include "ContainerMP4.h"
+#include "deep/DeepAnalysis.h"
 
+#include <QFile>
 #include <QFileInfo>
 
 #include <cstdio>
@@ -51,12 +53,32 @@ ContainerMP4::~ContainerMP4()
 int ContainerMP4::verifyContainerFormat(const QString &fileName)
 {
     const QString suffix = QFileInfo(fileName).suffix().toLower();
-    if (suffix == QLatin1String("mp4") || suffix == QLatin1String("f4v") ||
-        suffix == QLatin1String("mp4v")) {
-        std::fprintf(stderr, "Container format:\tMP4\n");
-        return ParseOk;
-    }
-    return ParseNotThisFormat;
+    const bool taken = suffix == QLatin1String("mp4") || suffix == QLatin1String("f4v") ||
+                       suffix == QLatin1String("mp4v") ||
+                       (deepAnalysis && (isFamilySuffix(suffix) || beginsWithABox(fileName)));
+    if (!taken)
+        return ParseNotThisFormat;
+    std::fprintf(stderr, "Container format:\tMP4\n");
+    return ParseOk;
+}
+
+bool ContainerMP4::isFamilySuffix(const QString &suffix)
+{
+    static const QStringList suffixes = {"mov",  "m4a",  "m4v",  "m4s",  "3gp",  "3g2", "heic",
+                                         "heif", "avif", "cmfv", "cmfa", "ismv", "mj2"};
+    return suffixes.contains(suffix);
+}
+
+bool ContainerMP4::beginsWithABox(const QString &fileName)
+{
+    QFile file(fileName);
+    unsigned char header[8];
+    if (!file.open(QIODevice::ReadOnly) || file.read(reinterpret_cast<char *>(header), 8) != 8)
+        return false;
+    const quint32 size = quint32(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
+    const QString type = QString::fromLatin1(reinterpret_cast<const char *>(header) + 4, 4);
+    prepareParsing();
+    return (size == 0 || size == 1 || size >= 8) && elements.contains(type);
 }
 
 int ContainerMP4::findBeginOfContainer(qint64 *offset)
@@ -65,7 +87,13 @@ int ContainerMP4::findBeginOfContainer(qint64 *offset)
     return ParseOk;
 }
 
-void ContainerMP4::prepareParsing() {}
+void ContainerMP4::prepareParsing()
+{
+    if (deepAnalysis && !deep) {
+        deep = std::make_unique<DeepAnalysis>();
+        addDeepRows();
+    }
+}
 
 int ContainerMP4::searchID(const QString &id, ElementMP4 *element)
 {

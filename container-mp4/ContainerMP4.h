@@ -10,10 +10,16 @@
 #include <QVector>
 
 #include <array>
+#include <memory>
 
 #define SARVELINTH_MP4_EXPORT Q_DECL_EXPORT
 
+class DeepAnalysis;
+class PayloadReader;
 class TableReader;
+
+// A payload parser of the deep vocabulary (deep/).
+using DeepParser = int (*)(PayloadReader &box);
 
 // Parser of the ISO base media file format (mp4, f4v and relatives).
 class SARVELINTH_MP4_EXPORT ContainerMP4 : public ContainerAbstract {
@@ -40,6 +46,9 @@ protected:
         // Whether a box of this type holds one stream (trak): the stream is opened before
         // the box's children are walked.
         bool opensStream;
+        // The payload parser of a row of the deep vocabulary. It runs in place of handler,
+        // which it may call in turn: the basic parser of its type, if there is one.
+        DeepParser deepParser = nullptr;
     };
 
     // Values of ElementMP4::elementType; only Container changes what the walker does.
@@ -98,7 +107,30 @@ protected:
     class FieldBlock;
 
 private:
+    // Reads and reports the payload of a box for the deep vocabulary.
+    friend class PayloadReader;
+
     void buildBoxTable();
+    // Deep analysis takes the other suffixes of the family, and files whose first bytes are
+    // the header of a box the table knows.
+    static bool isFamilySuffix(const QString &suffix);
+    bool beginsWithABox(const QString &fileName);
+    // Deep analysis (deep/): adds the rows of the deep vocabulary to the box table, which
+    // take the place of the basic rows of the same type.
+    void addDeepRows();
+    // The row of a box type, or null for a type the table does not know. A row keyed
+    // "parent/*" serves the children of a parent type that have no row of their own.
+    const ElementMP4 *rowOf(const QString &type) const;
+    // Runs the deep parser of a row over a payload.
+    int parseDeepBox(const ElementMP4 &row, quint64 offset, quint64 size);
+    // The samples of every track from its tables, told as deep analysis tells them.
+    void walkTrackSamples();
+
+    // The types of the boxes being walked, outermost first; while a payload is parsed, the
+    // last is its box's own.
+    QVector<QString> boxPath;
+    // What deep analysis gathers while the boxes are walked; null without deep analysis.
+    std::unique_ptr<DeepAnalysis> deep;
 
     // Guards against hostile nesting: the depth of the box being walked, and the bytes
     // walked so far against a budget in proportion to the input.

@@ -34,11 +34,11 @@ int ContainerMP4::parseElement(quint64 *size)
     const QString type = QString::fromLatin1(typeBytes);
     const bool isUuid = type.toLower() == QLatin1String("uuid");
 
-    const auto found = elements.constFind(type);
-    const bool known = found != elements.constEnd();
+    const ElementMP4 *found = rowOf(type);
+    const bool known = found != nullptr;
     ElementMP4 row;
     if (known)
-        row = **found;
+        row = *found;
 
     quint64 totalSize = declaredSize;
     quint64 bigSize = 0;
@@ -75,6 +75,7 @@ int ContainerMP4::parseElement(quint64 *size)
     workDone += extent;
 
     ++depth;
+    boxPath.append(type);
     beginElement(start, totalSize, type, -1);
     *size = totalSize;
 
@@ -123,6 +124,8 @@ int ContainerMP4::parseElement(quint64 *size)
             result = walkChildren(payload, endOf(start, totalSize));
             if (row.opensStream)
                 endTrack(stream);
+        } else if (row.deepParser) {
+            result = parseDeepBox(row, payload, remaining);
         } else if (row.handler) {
             input.seek(qint64(payload));
             result = (this->*row.handler)(payload, remaining);
@@ -134,10 +137,19 @@ int ContainerMP4::parseElement(quint64 *size)
     }
 
     endElement();
+    boxPath.removeLast();
     --depth;
     currentOffset = start;
     input.seek(qint64(start));
     return result;
+}
+
+const ContainerMP4::ElementMP4 *ContainerMP4::rowOf(const QString &type) const
+{
+    auto row = elements.constFind(type);
+    if (row == elements.constEnd() && !boxPath.isEmpty())
+        row = elements.constFind(boxPath.last() + QStringLiteral("/*"));
+    return row == elements.constEnd() ? nullptr : *row;
 }
 
 int ContainerMP4::walkChildren(quint64 begin, quint64 end)

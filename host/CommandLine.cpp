@@ -1,8 +1,77 @@
 #include "CommandLine.h"
 
+#include <QCommandLineParser>
+#include <QRegularExpression>
+
 namespace {
 constexpr int MinBase = 2;
 constexpr int MaxBase = 36;
+// Where the descriptions of --help begin.
+constexpr int DescriptionColumn = 26;
+
+// The options, each declared once: the parser and --help are made from this table.
+struct OptionSpec {
+    QStringList names;
+    QString valueName; // empty for an option that takes no value
+    QString description;
+};
+
+const QList<OptionSpec> &optionSpecs()
+{
+    static const QList<OptionSpec> specs = {
+        {{"format"},
+         "text|json|html",
+         "output format (default text); json writes one object\n"
+         "per file, each on one line; html writes one page for\n"
+         "all files, to open in a browser"},
+        {{"o", "output"}, "FILE", "write the report to FILE instead of standard output"},
+        {{"samples"}, {}, "list every sample in the text output (json always does)"},
+        {{"deep"},
+         {},
+         "deep analysis: decode the boxes of the wider vocabulary,\n"
+         "list the samples of every track with their composition\n"
+         "and presentation times, and take the whole family of\n"
+         "suffixes (mov, m4a, 3gp, ...) and files by content"},
+        {{"value-base"}, "N", "base of field values, 2 to 36 (default 10)"},
+        {{"size-base"}, "N", "base of box and entry sizes, 2 to 36 (default 10)"},
+        {{"no-unknown-data"}, {}, "do not show the bytes of unknown boxes"},
+        {{"max-unknown-data"}, "N", "show at most N bytes of an unknown box (default 64)"},
+        {{"plugin-dir"}, "DIR", "load the container plugins from DIR"},
+        {{"h", "help"}, {}, "show this help"},
+        {{"version"}, {}, "show the version"},
+    };
+    return specs;
+}
+
+// The option as the user spelled it, for messages: the argument that names it, up to "=".
+QString spelled(const QStringList &arguments, const QString &name)
+{
+    for (const QString &argument : arguments) {
+        if (argument == QLatin1String("--"))
+            break;
+        const QString option = argument.section(QLatin1Char('='), 0, 0);
+        if (option.startsWith(QLatin1Char('-')) &&
+            option.mid(option.startsWith(QLatin1String("--")) ? 2 : 1) == name)
+            return option;
+    }
+    return name;
+}
+
+// Our message for the parser's own: the option as it was spelled and what is wrong with it.
+QString usageError(const QCommandLineParser &parser, const QStringList &arguments)
+{
+    if (!parser.unknownOptionNames().isEmpty())
+        return QStringLiteral("unknown option '%1'")
+            .arg(spelled(arguments, parser.unknownOptionNames().first()));
+    static const QRegularExpression missing(QStringLiteral("^Missing value after '(.*)'\\.$"));
+    static const QRegularExpression unexpected(
+        QStringLiteral("^Unexpected value after '(.*)'\\.$"));
+    if (const auto match = missing.match(parser.errorText()); match.hasMatch())
+        return QStringLiteral("%1 needs a value").arg(match.captured(1));
+    if (const auto match = unexpected.match(parser.errorText()); match.hasMatch())
+        return QStringLiteral("%1 takes no value").arg(match.captured(1));
+    return parser.errorText();
+}
 
 bool parseBase(const QString &option, const QString &text, int *base, QString *error)
 {
@@ -19,112 +88,79 @@ bool parseBase(const QString &option, const QString &text, int *base, QString *e
     *base = value;
     return true;
 }
+
+bool parseFormat(const QString &text, Options::Format *format, QString *error)
+{
+    static const QHash<QString, Options::Format> formats = {
+        {"text", Options::Format::Text},
+        {"json", Options::Format::Json},
+        {"html", Options::Format::Html},
+    };
+    if (!formats.contains(text)) {
+        *error = QStringLiteral("--format: 'text', 'json' or 'html', not '%1'").arg(text);
+        return false;
+    }
+    *format = formats.value(text);
+    return true;
+}
+
+bool parseByteCount(const QString &text, quint64 *count, QString *error)
+{
+    bool ok = false;
+    const quint64 value = text.toULongLong(&ok, 10);
+    if (!ok || text.startsWith(QLatin1Char('-')) || text.startsWith(QLatin1Char('+'))) {
+        *error = QStringLiteral("--max-unknown-data: a number of bytes, not '%1'").arg(text);
+        return false;
+    }
+    *count = value;
+    return true;
+}
 } // namespace
 
 bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, Options *options,
                       QString *error)
 {
-    bool optionsEnded = false;
-    for (qsizetype i = 0; i < arguments.size(); ++i) {
-        const QString &argument = arguments[i];
-        if (optionsEnded || !argument.startsWith(QLatin1Char('-')) || argument.size() == 1) {
-            options->files << argument;
-            continue;
-        }
-        if (argument == QLatin1String("--")) {
-            optionsEnded = true;
-            continue;
-        }
+    QCommandLineParser parser;
+    // Long options may be given with one dash too; "-o" stays the only short one.
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    for (const OptionSpec &spec : optionSpecs())
+        parser.addOption(QCommandLineOption(spec.names, spec.description, spec.valueName));
+    // The parser expects the program's name in front.
+    if (!parser.parse(QStringList{QStringLiteral("sarvelinth")} + arguments)) {
+        *error = usageError(parser, arguments);
+        return false;
+    }
 
-        QString option = argument;
-        QString value;
-        bool hasValue = false;
-        const qsizetype equals = argument.indexOf(QLatin1Char('='));
-        if (argument.startsWith(QLatin1String("--")) && equals > 0) {
-            option = argument.left(equals);
-            value = argument.mid(equals + 1);
-            hasValue = true;
-        }
-        // Takes the option's value from behind "=" or from the next argument.
-        const auto takeValue = [&]() {
-            if (hasValue)
-                return true;
-            if (i + 1 >= arguments.size()) {
-                *error = QStringLiteral("%1 needs a value").arg(option);
-                return false;
-            }
-            value = arguments[++i];
-            return true;
-        };
-        const auto refuseValue = [&]() {
-            if (hasValue)
-                *error = QStringLiteral("%1 takes no value").arg(option);
-            return !hasValue;
-        };
-
-        if (option == QLatin1String("-h") || option == QLatin1String("--help")) {
-            if (!refuseValue())
-                return false;
-            options->help = true;
-        } else if (option == QLatin1String("--version")) {
-            if (!refuseValue())
-                return false;
-            options->version = true;
-        } else if (option == QLatin1String("--samples")) {
-            if (!refuseValue())
-                return false;
-            options->showSamples = true;
-        } else if (option == QLatin1String("--no-unknown-data")) {
-            if (!refuseValue())
-                return false;
-            options->settings.showUnknownData = false;
-        } else if (option == QLatin1String("--format")) {
-            if (!takeValue())
-                return false;
-            if (value == QLatin1String("text")) {
-                options->format = Options::Format::Text;
-            } else if (value == QLatin1String("json")) {
-                options->format = Options::Format::Json;
-            } else if (value == QLatin1String("html")) {
-                options->format = Options::Format::Html;
-            } else {
-                *error = QStringLiteral("--format: 'text', 'json' or 'html', not '%1'").arg(value);
-                return false;
-            }
-        } else if (option == QLatin1String("--value-base")) {
-            if (!takeValue() || !parseBase(option, value, &options->settings.valueBase, error))
-                return false;
-        } else if (option == QLatin1String("--size-base")) {
-            if (!takeValue() || !parseBase(option, value, &options->settings.sizeBase, error))
-                return false;
-        } else if (option == QLatin1String("--max-unknown-data")) {
-            if (!takeValue())
-                return false;
-            bool ok = false;
-            const quint64 size = value.toULongLong(&ok, 10);
-            if (!ok || value.startsWith(QLatin1Char('-')) || value.startsWith(QLatin1Char('+'))) {
-                *error =
-                    QStringLiteral("--max-unknown-data: a number of bytes, not '%1'").arg(value);
-                return false;
-            }
-            options->settings.maxUnknownDataSize = size;
-        } else if (option == QLatin1String("-o") || option == QLatin1String("--output")) {
-            if (!takeValue())
-                return false;
-            if (value.isEmpty()) {
-                *error = QStringLiteral("%1 needs a file name").arg(option);
-                return false;
-            }
-            options->outputFile = value;
-        } else if (option == QLatin1String("--plugin-dir")) {
-            if (!takeValue())
-                return false;
-            options->pluginDir = value;
-        } else {
-            *error = QStringLiteral("unknown option '%1'").arg(option);
+    options->help = parser.isSet(QStringLiteral("help"));
+    options->version = parser.isSet(QStringLiteral("version"));
+    options->showSamples = parser.isSet(QStringLiteral("samples"));
+    options->settings.deepAnalysis = parser.isSet(QStringLiteral("deep"));
+    if (parser.isSet(QStringLiteral("no-unknown-data")))
+        options->settings.showUnknownData = false;
+    if (parser.isSet(QStringLiteral("format")) &&
+        !parseFormat(parser.value(QStringLiteral("format")), &options->format, error))
+        return false;
+    for (const auto &[name, base] : {std::pair{"value-base", &options->settings.valueBase},
+                                     std::pair{"size-base", &options->settings.sizeBase}}) {
+        const QString option = QString::fromLatin1(name);
+        if (parser.isSet(option) &&
+            !parseBase(QStringLiteral("--") + option, parser.value(option), base, error))
+            return false;
+    }
+    if (parser.isSet(QStringLiteral("max-unknown-data")) &&
+        !parseByteCount(parser.value(QStringLiteral("max-unknown-data")),
+                        &options->settings.maxUnknownDataSize, error))
+        return false;
+    if (parser.isSet(QStringLiteral("output"))) {
+        options->outputFile = parser.value(QStringLiteral("output"));
+        if (options->outputFile.isEmpty()) {
+            *error = QStringLiteral("%1 needs a file name").arg(spelled(arguments, "output"));
             return false;
         }
     }
+    options->pluginDir = parser.value(QStringLiteral("plugin-dir"));
+
+    options->files = parser.positionalArguments();
     if (options->files.isEmpty() && !defaultFile.isEmpty())
         options->files << defaultFile;
     if (options->files.isEmpty() && !options->help && !options->version) {
@@ -136,25 +172,29 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
 
 QString usageText()
 {
-    return QStringLiteral(
+    QString text = QStringLiteral(
         "Usage: sarvelinth [OPTIONS] FILE...\n"
         "Shows the structure of ISO base media files (mp4, f4v) byte by byte: every box with\n"
         "its offset, size and fields, and the samples of the video streams.\n"
         "\n"
-        "Options:\n"
-        "  --format text|json|html output format (default text); json writes one object\n"
-        "                          per file, each on one line; html writes one page for\n"
-        "                          all files, to open in a browser\n"
-        "  -o, --output FILE       write the report to FILE instead of standard output\n"
-        "  --samples               list every sample in the text output (json always does)\n"
-        "  --value-base N          base of field values, 2 to 36 (default 10)\n"
-        "  --size-base N           base of box and entry sizes, 2 to 36 (default 10)\n"
-        "  --no-unknown-data       do not show the bytes of unknown boxes\n"
-        "  --max-unknown-data N    show at most N bytes of an unknown box (default 64)\n"
-        "  --plugin-dir DIR        load the container plugins from DIR\n"
-        "  -h, --help              show this help\n"
-        "  --version               show the version\n"
-        "\n"
-        "Exit status: 0 every file reported, 1 a file could not be opened or read,\n"
-        "2 usage error, 3 no plugin takes a file.\n");
+        "Options:\n");
+    for (const OptionSpec &spec : optionSpecs()) {
+        QStringList names;
+        for (const QString &name : spec.names)
+            names << (name.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + name;
+        QString head = QStringLiteral("  ") + names.join(QStringLiteral(", "));
+        if (!spec.valueName.isEmpty())
+            head += QLatin1Char(' ') + spec.valueName;
+        const QStringList lines = spec.description.split(QLatin1Char('\n'));
+        for (qsizetype i = 0; i < lines.size(); ++i) {
+            const QString lead = i == 0 ? head : QString();
+            text += lead.leftJustified(DescriptionColumn - 1) + QLatin1Char(' ') + lines[i] +
+                    QLatin1Char('\n');
+        }
+    }
+    text += QStringLiteral("\n"
+                           "Exit status: 0 every file reported, 1 a file could not be opened or "
+                           "read,\n"
+                           "2 usage error, 3 no plugin takes a file.\n");
+    return text;
 }

@@ -290,6 +290,8 @@ void JsonWriter::beginStream(int index, const StreamInfo &info)
     out.appendUnsigned(info.configOffset);
     out.appendLiteral(",\"configSize\":");
     out.appendUnsigned(info.configSize);
+    if (info.track)
+        writeTrackFacts(*info.track);
     out.appendLiteral(",\"samples\":[");
     inStream = true;
     streamHasSamples = false;
@@ -317,6 +319,72 @@ void JsonWriter::addSample(quint64 sampleIndex, const Sample &sample)
     out.appendLiteral(",\"keyFrame\":");
     out.appendUnsigned(sample.keyFrame);
     out.put('}');
+}
+
+void JsonWriter::writeTrackFacts(const TrackFacts &facts)
+{
+    out.appendLiteral(",\"trackId\":");
+    out.appendUnsigned(facts.trackId);
+    out.appendLiteral(",\"handlerType\":");
+    string(facts.handlerType);
+    out.appendLiteral(",\"timescale\":");
+    if (facts.timescale != 0)
+        out.appendUnsigned(facts.timescale);
+    else
+        out.appendLiteral("null");
+    out.appendLiteral(",\"duration\":");
+    out.appendUnsigned(facts.duration);
+    out.appendLiteral(",\"language\":");
+    string(facts.language);
+    out.appendLiteral(",\"sampleEntry\":");
+    string(facts.sampleEntry);
+    if (facts.channelCount != 0) {
+        out.appendLiteral(",\"channelCount\":");
+        out.appendUnsigned(facts.channelCount);
+        out.appendLiteral(",\"sampleRate\":");
+        out.appendUnsigned(facts.sampleRate);
+    }
+}
+
+void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
+{
+    if (!inStream)
+        return;
+    if (streamHasSamples)
+        out.put(',');
+    streamHasSamples = true;
+    out.appendLiteral("{\"index\":");
+    out.appendUnsigned(sampleIndex);
+    out.appendLiteral(",\"offset\":");
+    out.appendUnsigned(sample.offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(sample.size);
+    out.appendLiteral(",\"dts\":");
+    out.appendSigned(sample.dts);
+    out.appendLiteral(",\"pts\":");
+    out.appendSigned(sample.pts);
+    out.appendLiteral(",\"duration\":");
+    out.appendUnsigned(sample.duration);
+    out.appendLiteral(sample.keyFrame ? ",\"keyFrame\":1" : ",\"keyFrame\":0");
+    out.appendLiteral(",\"presentationTime\":");
+    optionalNumber(sample.presentationTime);
+    out.appendLiteral(",\"chunk\":");
+    out.appendUnsigned(sample.chunk);
+    out.appendLiteral(",\"stscEntry\":");
+    optionalNumber(entryIndex(sample.sampleToChunkEntry));
+    out.appendLiteral(",\"sttsEntry\":");
+    optionalNumber(entryIndex(sample.timeToSampleEntry));
+    out.appendLiteral(",\"cttsEntry\":");
+    optionalNumber(entryIndex(sample.compositionEntry));
+    out.put('}');
+}
+
+void JsonWriter::optionalNumber(std::optional<qint64> value)
+{
+    if (value)
+        out.appendSigned(*value);
+    else
+        out.appendLiteral("null");
 }
 
 void JsonWriter::endStream()

@@ -51,6 +51,7 @@ public:
                      const QString &comment) override;
     void beginStream(int index, const StreamInfo &info) override;
     void addSample(quint64 sampleIndex, const Sample &sample) override;
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
 
 private:
@@ -65,6 +66,14 @@ private:
     };
 
     void string(const QString &text);
+    void writeTrackFacts(const TrackFacts &facts);
+    // A number, or null without one.
+    void optionalNumber(std::optional<qint64> value);
+    // A table entry's index, or none for -1.
+    static std::optional<qint64> entryIndex(qint64 index)
+    {
+        return index >= 0 ? std::optional<qint64>(index) : std::nullopt;
+    }
     // A field object without its closing brace.
     void writeField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
                     const QString &name, const QString &value, const QString &extra,

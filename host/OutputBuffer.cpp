@@ -70,6 +70,13 @@ void OutputBuffer::appendUnsignedPadded(quint64 value, int width)
     appendUnsigned(value);
 }
 
+void OutputBuffer::appendSignedPadded(qint64 value, int width)
+{
+    const quint64 magnitude = value < 0 ? 0 - quint64(value) : quint64(value);
+    appendSpaces(width - decimalDigits(magnitude) - (value < 0 ? 1 : 0));
+    appendSigned(value);
+}
+
 void OutputBuffer::appendSpaces(int count)
 {
     while (count > 0) {

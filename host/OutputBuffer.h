@@ -62,6 +62,7 @@ public:
     }
     // The number right-aligned in a column of at least width characters.
     void appendUnsignedPadded(quint64 value, int width);
+    void appendSignedPadded(qint64 value, int width);
     void appendSpaces(int count);
     // Two lower-case hex digits per byte; with separator, a space between bytes.
     void appendHex(const quint8 *bytes, quint64 count, bool separator);

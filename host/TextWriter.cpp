@@ -7,6 +7,8 @@ constexpr int OffsetWidth = 12;
 constexpr int SizeWidth = 9;
 constexpr int TimeWidth = 11;
 constexpr int KeyWidth = 4;
+constexpr int PresentationWidth = 13;
+constexpr int ChunkWidth = 8;
 
 // Field lines start with the field's place, padded to this width so that names line up.
 constexpr int PlaceWidth = 14;
@@ -248,11 +250,42 @@ void TextWriter::writeStreamLine(bool withCount)
     out.appendUnsigned(stream.configOffset);
     out.appendLiteral(" size ");
     out.appendUnsigned(stream.configSize);
+    if (stream.track)
+        writeTrackFacts(*stream.track);
     if (withCount) {
         out.appendLiteral(", ");
         writeSampleCount();
     }
     out.put('\n');
+}
+
+void TextWriter::writeTrackFacts(const TrackFacts &facts)
+{
+    out.appendLiteral(", track ");
+    out.appendUnsigned(facts.trackId);
+    out.put(' ');
+    text(facts.handlerType.isEmpty() ? QStringLiteral("-") : facts.handlerType);
+    out.put(' ');
+    text(facts.sampleEntry.isEmpty() ? QStringLiteral("-") : facts.sampleEntry);
+    out.appendLiteral(", timescale ");
+    if (facts.timescale != 0)
+        out.appendUnsigned(facts.timescale);
+    else
+        out.appendLiteral("unknown");
+    out.appendLiteral(", duration ");
+    out.appendUnsigned(facts.duration);
+    out.appendLiteral(", language ");
+    text(facts.language);
+    if (facts.channelCount != 0) {
+        out.appendLiteral(", ");
+        out.appendUnsigned(facts.channelCount);
+        if (facts.channelCount == 1)
+            out.appendLiteral(" channel, ");
+        else
+            out.appendLiteral(" channels, ");
+        out.appendUnsigned(facts.sampleRate);
+        out.appendLiteral(" Hz");
+    }
 }
 
 void TextWriter::writeSampleCount()
@@ -269,14 +302,17 @@ void TextWriter::writeSampleTableHeader()
     const struct {
         const char *title;
         int width;
-    } columns[] = {{"index", IndexWidth}, {"offset", OffsetWidth}, {"size", SizeWidth},
-                   {"dts", TimeWidth},    {"pts", TimeWidth},      {"duration", TimeWidth},
-                   {"key", KeyWidth}};
+    } columns[] = {{"index", IndexWidth}, {"offset", OffsetWidth},
+                   {"size", SizeWidth},   {"dts", TimeWidth},
+                   {"pts", TimeWidth},    {"duration", TimeWidth},
+                   {"key", KeyWidth},     {"presentation", PresentationWidth},
+                   {"chunk", ChunkWidth}};
     out.appendSpaces(2);
-    for (const auto &column : columns) {
-        const size_t length = std::strlen(column.title);
-        out.appendSpaces(column.width - int(length));
-        out.append(column.title, length);
+    // Streams of deep analysis have the last two columns.
+    for (size_t i = 0; i < std::size(columns) - (stream.track ? 0 : 2); ++i) {
+        const size_t length = std::strlen(columns[i].title);
+        out.appendSpaces(columns[i].width - int(length));
+        out.append(columns[i].title, length);
     }
     out.put('\n');
 }
@@ -319,6 +355,40 @@ void TextWriter::addSample(quint64 sampleIndex, const Sample &sample)
         out.put(' ');
         out.appendUnsignedPadded(column.value, column.width - 1);
     }
+    out.put('\n');
+}
+
+void TextWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
+{
+    if (!inStream)
+        return;
+    ++streamSamples;
+    if (!showSamples)
+        return;
+    out.appendSpaces(2);
+    for (const auto &[value, width] :
+         {std::pair{sampleIndex, IndexWidth}, std::pair{sample.offset, OffsetWidth},
+          std::pair{sample.size, SizeWidth}}) {
+        out.put(' ');
+        out.appendUnsignedPadded(value, width - 1);
+    }
+    for (const qint64 time : {sample.dts, sample.pts}) {
+        out.put(' ');
+        out.appendSignedPadded(time, TimeWidth - 1);
+    }
+    out.put(' ');
+    out.appendUnsignedPadded(sample.duration, TimeWidth - 1);
+    out.put(' ');
+    out.appendUnsignedPadded(sample.keyFrame ? 1 : 0, KeyWidth - 1);
+    out.put(' ');
+    if (sample.presentationTime) {
+        out.appendSignedPadded(*sample.presentationTime, PresentationWidth - 1);
+    } else {
+        out.appendSpaces(PresentationWidth - 2);
+        out.put('-');
+    }
+    out.put(' ');
+    out.appendUnsignedPadded(sample.chunk, ChunkWidth - 1);
     out.put('\n');
 }
 

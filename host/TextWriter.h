@@ -36,6 +36,7 @@ public:
                      const QString &comment) override;
     void beginStream(int index, const StreamInfo &info) override;
     void addSample(quint64 sampleIndex, const Sample &sample) override;
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
 
 private:
@@ -56,6 +57,7 @@ private:
     // A line of the innermost open element: its note or its value after a label.
     void writeElementLine(const char *label, const QString &value);
     void writeStreamLine(bool withCount);
+    void writeTrackFacts(const TrackFacts &facts);
     void writeSampleCount();
     void writeSampleTableHeader();
 

@@ -99,7 +99,7 @@ void writeCraftedReport(ReportWriter &&writer)
     writer.setElementValue("v");
     writer.setElementNote("Unknown element!");
     writer.endElement();
-    writer.beginStream(0, StreamInfo{64, 48, 0, 28, 40, 9, "H.264"});
+    writer.beginStream(0, StreamInfo{64, 48, 0, 28, 40, 9, "H.264", std::nullopt});
     writer.addSample(0, Sample{48, 1000, 0, 512, 512, 1});
     writer.addSample(1, Sample{~0ULL, 1000, 0, 512, 512, 0});
     writer.endStream();

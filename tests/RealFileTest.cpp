@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QtEndian>
@@ -50,10 +51,60 @@ void reportedBoxes(const ReportTree::Node &parent, QString &out)
             reportedBoxes(*node, out);
     }
 }
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString sourcePath(const char *name)
+{
+    return QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QLatin1String(name);
+}
+
+// The packets of a file as ffprobe reads them, one line for each, in each stream's order:
+// stream, offset, size, key frame, pts - dts and the step of its dts from the packet before
+// it in the same stream. With withTimes false, the last two are left out.
+QString packetsOfFfprobe(const QString &path, bool videoOnly, bool withTimes)
+{
+    QStringList arguments = {
+        "-v",   "error", "-show_entries", "packet=stream_index,pos,size,flags,pts,dts", "-of",
+        "json", path};
+    if (videoOnly)
+        arguments << "-select_streams"
+                  << "v";
+    QProcess ffprobe;
+    ffprobe.start(QStringLiteral("ffprobe"), arguments);
+    if (!ffprobe.waitForFinished(30000) || ffprobe.exitCode() != 0)
+        return QStringLiteral("ffprobe failed");
+    const QJsonArray packets = QJsonDocument::fromJson(ffprobe.readAllStandardOutput())
+                                   .object()
+                                   .value("packets")
+                                   .toArray();
+    QMap<int, QString> streams;
+    QMap<int, qint64> lastDts;
+    for (const QJsonValue &value : packets) {
+        const QJsonObject packet = value.toObject();
+        const int stream = packet.value("stream_index").toInt();
+        const qint64 dts = packet.value("dts").toInteger();
+        const qint64 pts = packet.contains("pts") ? packet.value("pts").toInteger() : dts;
+        QString &lines = streams[stream];
+        lines += QStringLiteral("%1 %2 %3 %4")
+                     .arg(stream)
+                     .arg(packet.value("pos").toString(), packet.value("size").toString())
+                     .arg(packet.value("flags").toString().startsWith('K') ? 1 : 0);
+        if (withTimes)
+            lines += QStringLiteral(" %1 %2").arg(pts - dts).arg(dts - lastDts.value(stream, dts));
+        lines += '\n';
+        lastDts[stream] = dts;
+    }
+    return QStringList(streams.values()).join(QString());
+}
+
 } // namespace
 
 // Every box where a plain walk of the bytes finds it, and every video sample, one line each:
-// stream, offset, size, key frame and the step of its dts.
+// stream, offset, size and key frame.
 TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
@@ -64,10 +115,7 @@ TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
                              "tests/data/track-h264-faststart.mp4", "tests/data/track-mpeg4.mp4",
                              "tests/data/track-aac-h264.mp4"}) {
         SCOPED_TRACE(name);
-        const QString path = QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QLatin1String(name);
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        const QByteArray bytes = file.readAll();
+        const QByteArray bytes = readFile(sourcePath(name));
         const ReportTree report = parseReport(bytes);
         EXPECT_EQ(report.openElements(), 0);
         EXPECT_FALSE(dump(report).contains("Invalid element size."));
@@ -77,35 +125,42 @@ TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
         EXPECT_EQ(reported.toStdString(), walked.toStdString());
         QString ours;
         for (const ReportTree::Stream &stream : report.streams) {
-            for (int i = 0; i < stream.samples.size(); ++i) {
-                const Sample &sample = stream.samples[i];
-                const qint64 step = i ? qint64(sample.dts) - qint64(stream.samples[i - 1].dts) : 0;
-                ours += QString::asprintf("%d %llu %llu %u %lld\n", stream.index,
+            for (const Sample &sample : stream.samples)
+                ours +=
+                    QString::asprintf("%d %llu %llu %u\n", stream.index, qulonglong(sample.offset),
+                                      qulonglong(sample.size), uint(sample.keyFrame));
+        }
+        EXPECT_EQ(ours.toStdString(),
+                  packetsOfFfprobe(sourcePath(name), true, false).toStdString());
+    }
+}
+
+// Deep analysis lists the samples of every track, with composition times: each one as ffprobe
+// reads its packet.
+TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
+        GTEST_SKIP() << "ffprobe is not installed";
+    ContainerAbstract::Settings deep;
+    deep.deepAnalysis = true;
+    for (const char *name :
+         {"samples/sample.mp4", "tests/data/track-h264-bframes.mp4", "tests/data/track-mpeg4.mp4",
+          "tests/data/track-aac-h264.mp4", "tests/data/deep-hevc.mp4", "tests/data/deep-av1.mp4",
+          "tests/data/deep-vp9.mp4", "tests/data/deep-opus.mp4", "tests/data/deep-ac3.mp4",
+          "tests/data/deep-aac.m4a", "tests/data/deep-h264-aac.mov", "tests/data/deep-edits.mp4"}) {
+        SCOPED_TRACE(name);
+        const ReportTree report = parseReport(readFile(sourcePath(name)), deep);
+        QString ours;
+        for (const ReportTree::Stream &stream : report.streams) {
+            for (int i = 0; i < stream.trackSamples.size(); ++i) {
+                const TrackSample &sample = stream.trackSamples[i];
+                const qint64 step = i ? sample.dts - stream.trackSamples[i - 1].dts : 0;
+                ours += QString::asprintf("%d %llu %llu %d %lld %lld\n", stream.index,
                                           qulonglong(sample.offset), qulonglong(sample.size),
-                                          uint(sample.keyFrame), step);
+                                          sample.keyFrame ? 1 : 0, sample.pts - sample.dts, step);
             }
         }
-
-        QProcess ffprobe;
-        ffprobe.start(QStringLiteral("ffprobe"),
-                      {"-v", "error", "-select_streams", "v", "-show_entries",
-                       "packet=stream_index,pos,size,flags,dts", "-of", "json", path});
-        ASSERT_TRUE(ffprobe.waitForFinished(30000) && ffprobe.exitCode() == 0);
-        const QJsonArray packets = QJsonDocument::fromJson(ffprobe.readAllStandardOutput())
-                                       .object()
-                                       .value("packets")
-                                       .toArray();
-        ASSERT_FALSE(packets.isEmpty());
-        QString theirs;
-        for (int i = 0; i < packets.size(); ++i) {
-            const QJsonObject packet = packets[i].toObject();
-            const qint64 dts = packet.value("dts").toInteger();
-            theirs += QStringLiteral("%1 %2 %3 %4 %5\n")
-                          .arg(packet.value("stream_index").toInt())
-                          .arg(packet.value("pos").toString(), packet.value("size").toString())
-                          .arg(packet.value("flags").toString().startsWith('K') ? 1 : 0)
-                          .arg(i ? dts - packets[i - 1].toObject().value("dts").toInteger() : 0);
-        }
-        EXPECT_EQ(ours.toStdString(), theirs.toStdString());
+        EXPECT_EQ(ours.toStdString(),
+                  packetsOfFfprobe(sourcePath(name), false, true).toStdString());
     }
 }

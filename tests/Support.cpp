@@ -107,6 +107,47 @@ QString dump(const ReportTree &report)
     return all;
 }
 
+QString deepDump(const QByteArray &input)
+{
+    ContainerAbstract::Settings settings;
+    settings.deepAnalysis = true;
+    const ReportTree report = parseReport(input, settings);
+    QString all = dump(report);
+    for (const ReportTree::Stream &stream : report.streams) {
+        const StreamInfo &info = stream.info;
+        all += QStringLiteral("stream %1: codec %2 (%3) %4x%5 config @%6+%7")
+                   .arg(stream.index)
+                   .arg(info.codecId)
+                   .arg(info.codecName)
+                   .arg(info.width)
+                   .arg(info.height)
+                   .arg(info.configOffset)
+                   .arg(info.configSize);
+        if (const std::optional<TrackFacts> &facts = info.track) {
+            all += QStringLiteral(" | track %1 %2 %3 %4 %5 %6")
+                       .arg(facts->trackId)
+                       .arg(facts->handlerType, facts->sampleEntry)
+                       .arg(facts->timescale)
+                       .arg(facts->duration)
+                       .arg(facts->language);
+            if (facts->channelCount != 0)
+                all += QStringLiteral(" %1 %2").arg(facts->channelCount).arg(facts->sampleRate);
+        }
+        all += '\n';
+        for (int i = 0; i < stream.trackSamples.size(); ++i) {
+            const TrackSample &s = stream.trackSamples[i];
+            all += QString::asprintf(
+                "  %llu %llu %llu %lld %lld %u %d %s %llu %lld %lld %lld\n",
+                qulonglong(stream.sampleIndexes[i]), qulonglong(s.offset), qulonglong(s.size),
+                qlonglong(s.dts), qlonglong(s.pts), s.duration, s.keyFrame ? 1 : 0,
+                s.presentationTime ? qPrintable(QString::number(*s.presentationTime)) : "-",
+                qulonglong(s.chunk), qlonglong(s.sampleToChunkEntry),
+                qlonglong(s.timeToSampleEntry), qlonglong(s.compositionEntry));
+        }
+    }
+    return all;
+}
+
 void expectGolden(const QString &name, const QString &actual)
 {
     const QString path =

@@ -45,6 +45,13 @@ QString dump(const ReportTree::Node &node, int depth = 0);
 // The dump of every top-level element of a report.
 QString dump(const ReportTree &report);
 
+// The dump of a deep analysis of bytes, the file "test.mp4": the boxes, then each stream
+// with its facts and one line for each sample:
+//   stream index: codec id (name) widthxheight config @offset+size | track id handler entry
+//     timescale duration language [channels rate]
+//   index offset size dts pts duration key presentation chunk stsc stts ctts
+QString deepDump(const QByteArray &input);
+
 // Compares actual with tests/golden/<name>.txt. With UPDATE_GOLDEN=1 in the environment the
 // file is written instead, so a changed report is reviewed as a diff of the golden file.
 void expectGolden(const QString &name, const QString &actual);

@@ -61,6 +61,15 @@ inline quint64 wideWidth(quint32 boxVersion)
     return boxVersion == 1 ? 8 : 4;
 }
 
+// The three 5-bit groups of a language word, top down, as letters counted from 0x60.
+// Groups are not checked: 0 gives '`' and values above 26 characters behind 'z'.
+inline QString language(quint16 word)
+{
+    const char letters[3] = {char(((word >> 10) & 0x1F) + 0x60), char(((word >> 5) & 0x1F) + 0x60),
+                             char((word & 0x1F) + 0x60)};
+    return QString::fromLatin1(letters, 3);
+}
+
 // 8.8 volume of the movie and the track header: both bytes as unsigned numbers.
 inline QString volume(quint16 word, int base)
 {

@@ -2,17 +2,6 @@
 #include "HeaderFields.h"
 #include "Render.h"
 
-namespace {
-// The three 5-bit groups of the language word, top down, as letters counted from 0x60.
-// Groups are not checked: 0 gives '`' and values above 26 characters behind 'z'.
-QString languageText(quint16 word)
-{
-    const char letters[3] = {char(((word >> 10) & 0x1F) + 0x60), char(((word >> 5) & 0x1F) + 0x60),
-                             char((word & 0x1F) + 0x60)};
-    return QString::fromLatin1(letters, 3);
-}
-} // namespace
-
 // mdhd: times, time scale, duration and language of one track's media. Times are shown
 // as stored, with no date.
 int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
@@ -36,8 +25,8 @@ int ContainerMP4::parseBoxMDHD(quint64 offset, quint64 /*size*/)
     const quint16 word = fields.u16(3 * w + 4);
     addField(true, offset + 3 * w + 4, 0, 1, QStringLiteral("pad"),
              Render::i32(word & 0x8000, valueBase), QString(), QString(), -1);
-    addField(true, offset + 3 * w + 4, 1, 15, QStringLiteral("language"), languageText(word),
-             QString(), QString(), -1);
+    addField(true, offset + 3 * w + 4, 1, 15, QStringLiteral("language"),
+             HeaderFields::language(word), QString(), QString(), -1);
 
     reportField(offset + 3 * w + 6, 2, "pre_defined",
                 Render::i32(fields.u16(3 * w + 6), valueBase));

@@ -39,9 +39,14 @@ private:
 
 // The samples of each video stream, from the tables its track recorded: chunk after chunk,
 // and inside a chunk one sample after the other. All streams together report at most one
-// sample per input byte; once that is spent, no stream reports more.
+// sample per input byte; once that is spent, no stream reports more. Deep analysis walks the
+// samples of every track in a way of its own (deep/TrackSampleWalk.cpp).
 void ContainerMP4::finalizeParsing()
 {
+    if (deep) {
+        walkTrackSamples();
+        return;
+    }
     quint64 samplesLeft = quint64(qMax<qint64>(input.size(), 0));
     for (int stream = 0; stream < sampleOutputs.size() && samplesLeft > 0; ++stream) {
         if (sampleOutputs[stream])

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "ContainerMP4.h"
+
+#include <vector>
+
+// One row of the deep vocabulary: as a row of the basic box table, with a deep parser for
+// its payload or none (a container, or a box shown as data).
+struct DeepRow {
+    const char *type;
+    int elementType; // ContainerMP4's ElementType values
+    int fullBox;
+    DeepParser parser;
+};
+using DeepRows = std::vector<DeepRow>;
+
+// Element types, as the basic table names them.
+constexpr int DeepContainer = 7;
+constexpr int DeepPlain = 8;
+
+// The families of the deep vocabulary, one file each.
+DeepRows trackStructureRows(); // the boxes that lead to the samples: headers, tables, edits
+DeepRows sampleTableRows();    // ctts and the other tables beside the basic ones

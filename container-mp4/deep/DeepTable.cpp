@@ -1,0 +1,25 @@
+#include "DeepAnalysis.h"
+#include "DeepRows.h"
+#include "PayloadReader.h"
+
+void ContainerMP4::addDeepRows()
+{
+    for (const DeepRows &family : {trackStructureRows(), sampleTableRows()}) {
+        for (const DeepRow &row : family) {
+            const QString type = QString::fromUtf8(row.type);
+            // The basic parser of the type stays with the row, for the deep one to call.
+            ElementMP4 *basic = elements.take(type);
+            auto *element = new ElementMP4(row.elementType, row.fullBox,
+                                           basic ? basic->handler : nullptr, QString(), QString());
+            element->deepParser = row.parser;
+            delete basic;
+            elements.insert(type, element);
+        }
+    }
+}
+
+int ContainerMP4::parseDeepBox(const ElementMP4 &row, quint64 offset, quint64 size)
+{
+    PayloadReader box(*this, offset, size, row.handler);
+    return row.deepParser(box);
+}

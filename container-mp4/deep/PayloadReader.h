@@ -1,0 +1,157 @@
+#pragma once
+
+#include "ContainerMP4.h"
+#include "Render.h"
+#include "TableReading.h"
+
+#include <QString>
+
+class DeepAnalysis;
+struct TrackContext;
+
+// Reads the payload of one box of the deep vocabulary field after field, and reports each
+// field as it reads it: at its place in the file, with its value rendered in the value base.
+// A field is read only while it lies whole inside the payload and inside the input; the
+// first that does not ends the reading, so that a box cut short or a count the box cannot
+// hold is reported as far as it goes and costs nothing beyond its bytes. Every later read
+// then reports nothing and returns 0.
+//
+// It is also what a parser of the deep vocabulary knows of its surroundings: the box's
+// version and flags, its parent, the track it belongs to and the walker for child boxes.
+class PayloadReader {
+public:
+    // basic: the basic parser of the box's type, or null.
+    PayloadReader(ContainerMP4 &parser, quint64 offset, quint64 size,
+                  ContainerMP4::BoxHandler basic = nullptr);
+    PayloadReader(const PayloadReader &) = delete;
+    PayloadReader &operator=(const PayloadReader &) = delete;
+
+    // Position
+    quint64 at() const { return offset + position; }
+    quint64 end() const;
+    // Payload bytes from at() to the end of the payload.
+    quint64 left() const { return position < size ? size - position : 0; }
+    // Of those, the bytes the input holds.
+    quint64 available() const { return qMin(left(), parser.input.bytesFrom(at())); }
+    // Whether every read so far lay whole inside the payload and the input.
+    bool ok() const { return whole; }
+
+    // Unsigned and signed numbers of 1 to 8 bytes, rendered in the value base.
+    quint64 unsignedField(const QString &name, int bytes, const QString &comment = QString());
+    qint64 signedField(const QString &name, int bytes, const QString &comment = QString());
+    quint8 u8(const char *name, const QString &comment = QString());
+    quint16 u16(const char *name, const QString &comment = QString());
+    quint32 u24(const char *name, const QString &comment = QString());
+    quint32 u32(const char *name, const QString &comment = QString());
+    quint64 u64(const char *name, const QString &comment = QString());
+    qint16 i16(const char *name, const QString &comment = QString());
+    qint32 i32(const char *name, const QString &comment = QString());
+    qint64 i64(const char *name, const QString &comment = QString());
+    // A field of 8 bytes when wide (version 1 of most boxes), else of 4.
+    quint64 versioned(const char *name, bool wide, const QString &comment = QString());
+    // Fixed point: the integer and the fraction part as integers joined by ".", as every
+    // fixed-point field of the report shows (1.5 in 16.16 is "1.32768").
+    quint32 fixed16(const char *name, bool isSigned = false, const QString &comment = QString());
+    quint16 fixed8(const char *name, bool isSigned = false, const QString &comment = QString());
+
+    // Texts
+    // Four characters, such as a box type or a brand.
+    QString fourcc(const char *name, const QString &comment = QString());
+    // A text of a fixed width, up to its first zero byte.
+    QString fixedText(const char *name, quint64 width, const QString &comment = QString());
+    // UTF-8 up to and with its zero byte, or up to the end of the payload without one.
+    QString nullTerminated(const char *name, const QString &comment = QString());
+    // UTF-8 of the given width, without a terminator.
+    QString utf8(const char *name, quint64 width, const QString &comment = QString());
+
+    // Bytes
+    // A raw field: its bytes in hex.
+    void raw(const char *name, quint64 width, const QString &comment = QString());
+    // Bytes shown by position only, up to the end of the payload at most.
+    void data(const char *name, quint64 width, Payload payload = Payload::Data);
+    // What is left of the payload, by position only; nothing when nothing is left.
+    void rest(const char *name = "data");
+    // Reads bytes ahead bytes behind the current position without reporting them; false,
+    // with nothing read, when they do not lie whole inside the payload and the input.
+    bool peek(void *bytes, quint64 width, quint64 ahead = 0);
+    // The unsigned big-endian number of 1 to 8 bytes there; 0 when it is not there.
+    quint64 peekUnsigned(int bytes, quint64 ahead = 0);
+    // Moves on without reporting.
+    void skip(quint64 width);
+
+    // Bit fields: a word of 1 to 8 bytes read at once, whose fields are then reported from
+    // its top bit down.
+    class Bits {
+    public:
+        // The next count bits; reported as a bit field.
+        quint64 field(const char *name, int count, const QString &comment = QString());
+        // The same as a field of a list of like fields, at its place in the list.
+        quint64 listField(const QString &name, int count, qint64 index);
+        // The next count bits as a flag: its value with "yes" or "no" beside it.
+        bool flag(const char *name, int count = 1);
+        // The next count bits, not reported.
+        quint64 skip(int count);
+
+    private:
+        friend class PayloadReader;
+        Bits(PayloadReader &box, quint64 at, quint64 word, int width, bool whole);
+        PayloadReader &box;
+        quint64 start;
+        quint64 word;
+        int width; // in bits
+        int used = 0;
+        bool whole;
+    };
+    Bits bits(int bytes);
+    friend class Bits;
+
+    // Groups of fields, such as an entry of a list: an element from the current position to
+    // the position where it is ended, or of the given size where that is known up front.
+    void beginGroup(const QString &name, qint64 index = -1, quint64 knownSize = 0);
+    void endGroup();
+    // A number of a list of like fields, at its place in the list.
+    quint64 listField(const QString &name, int bytes, qint64 index);
+
+    // Child boxes from the current position to the end of the payload, through the walker.
+    int walkChildren();
+    // Runs the basic parser of the box's type over the whole payload, so that the box is
+    // reported as without deep analysis; the reading ends. Nothing without one.
+    int parseBasic();
+
+    // Surroundings
+    ContainerMP4 &parser;
+    quint32 version() const { return parser.boxVersion; }
+    quint32 flags() const { return parser.boxFlags; }
+    const QString &type() const { return parser.boxPath.last(); }
+    // The type of the box around this one; empty at the top level.
+    QString parentType() const;
+    int valueBase() const { return parser.valueBase; }
+    // What deep analysis gathers of the file.
+    DeepAnalysis *deep() const { return parser.deep.get(); }
+    // The record of the stream of the trak this box stands in, or null outside every trak.
+    StreamInfo *stream() const;
+    // The deep facts of that stream, made on first use.
+    TrackFacts *facts() const;
+    // What deep analysis gathers of that track, or null outside every trak.
+    TrackContext *track() const;
+
+private:
+    // Reads width bytes into bytes and moves behind them; false, with the reading ended,
+    // when they do not lie whole inside the payload and the input.
+    bool take(void *bytes, quint64 width);
+    quint64 takeUnsigned(int bytes, bool *read);
+    void report(quint64 at, quint64 width, const QString &name, const QString &value,
+                const QString &comment);
+    void reportBits(quint64 wordAt, int firstBit, int count, const QString &name, quint64 value,
+                    const QString &comment, qint64 index = -1);
+
+    ContainerMP4::BoxHandler basic;
+    TableReader reader;
+    quint64 offset;
+    quint64 size;
+    quint64 position = 0;
+    bool whole = true;
+    Render::NumberText number;
+    // Of each open group, where it starts; ~0 where its size was known up front.
+    std::vector<quint64> groupStarts;
+};

@@ -1,0 +1,271 @@
+#include "DeepAnalysis.h"
+#include "TableCursor.h"
+
+#include "ContainerMP4.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+// Edits taken into account for presentation times; a list longer than any real file's
+// cannot make the walk cost more than this many steps per sample.
+constexpr size_t MaxEditsApplied = 256;
+
+// Sizes of samples from stsz (one size for all, or one field of 4 bytes each) or from stz2
+// (fields of 4, 8 or 16 bits).
+class SampleSizes {
+public:
+    SampleSizes(InputDevice &input, const TrackContext &track)
+        : fieldBits(track.compactFieldSize)
+        , entries(input, track.sampleSizes, 8,
+                  fieldBits == 16  ? 2
+                  : fieldBits == 0 ? 4
+                                   : 1)
+    {
+        TableCursor header(input, track.sampleSizes, 0, 8);
+        if (const unsigned char *words = header.next()) {
+            total = TableCursor::number(words, 4, 4);
+            if (fieldBits == 0)
+                constant = quint32(TableCursor::number(words, 0, 4));
+        }
+    }
+
+    quint64 count() const { return total; }
+
+    // The size of the next sample; false when the table holds no more.
+    bool next(quint64 *size)
+    {
+        if (fieldBits == 0 && constant != 0) {
+            *size = constant;
+            return true;
+        }
+        if (fieldBits == 4) {
+            // Two sizes to a byte, the first in the high half.
+            if (!half) {
+                const unsigned char *byte = entries.next();
+                if (!byte)
+                    return false;
+                pair = *byte;
+                half = true;
+                *size = pair >> 4;
+            } else {
+                half = false;
+                *size = pair & 0xF;
+            }
+            return true;
+        }
+        // stz2 knows no other field sizes than 4, 8 and 16 bits.
+        const int width = fieldBits == 0 ? 4 : fieldBits == 8 ? 1 : fieldBits == 16 ? 2 : 0;
+        const unsigned char *field = width > 0 ? entries.next() : nullptr;
+        if (!field)
+            return false;
+        *size = TableCursor::number(field, 0, width);
+        return true;
+    }
+
+private:
+    quint32 fieldBits;
+    TableCursor entries;
+    quint64 total = 0;
+    quint32 constant = 0;
+    bool half = false;
+    unsigned char pair = 0;
+};
+
+// Runs of equal values, as stts and ctts list them: each entry is a sample count and a value.
+class Runs {
+public:
+    Runs(InputDevice &input, const TableBox &table, bool signedValues)
+        : entries(input, table, 4, 8)
+        , signedValues(signedValues)
+    {
+    }
+
+    // The value of the next sample and the entry that gives it; false when the table holds
+    // no more entries.
+    bool next(qint64 *value, qint64 *entry)
+    {
+        while (left == 0) {
+            const unsigned char *record = entries.next();
+            if (!record)
+                return false;
+            left = TableCursor::number(record, 0, 4);
+            const quint32 word = quint32(TableCursor::number(record, 4, 4));
+            current = signedValues ? qint64(qint32(word)) : qint64(word);
+            index = qint64(entries.count()) - 1;
+        }
+        --left;
+        *value = current;
+        *entry = index;
+        return true;
+    }
+
+private:
+    TableCursor entries;
+    bool signedValues;
+    quint64 left = 0;
+    qint64 current = 0;
+    qint64 index = -1;
+};
+
+// Where samples lie by chunk: the entries of stsc, each from its first chunk on.
+class ChunkRuns {
+public:
+    ChunkRuns(InputDevice &input, const TableBox &table)
+        : entries(input, table, 4, 12)
+    {
+        following = entries.next();
+    }
+
+    // The samples of the given chunk, counted from 1, and the entry that tells them. Before
+    // the first entry's first chunk, the first entry holds.
+    quint64 samplesIn(quint64 chunk, qint64 *entry)
+    {
+        while (following && (index < 0 || TableCursor::number(following, 0, 4) <= chunk)) {
+            perChunk = TableCursor::number(following, 4, 4);
+            ++index;
+            following = entries.next();
+        }
+        *entry = index;
+        return perChunk;
+    }
+
+    // Whether no later entry can give a chunk samples.
+    bool exhausted() const { return !following; }
+
+private:
+    TableCursor entries;
+    const unsigned char *following = nullptr; // the entry not taken up yet
+    quint64 perChunk = 0;
+    qint64 index = -1;
+};
+
+// The presentation time of a composition time: through the track's edit list onto the
+// movie's timeline, in the track's time units.
+class EditMap {
+public:
+    EditMap(const TrackContext &track, quint32 movieTimescale, quint32 trackTimescale)
+        : listed(track.hasEditList)
+    {
+        if (!listed)
+            return;
+        // Each edit's span of media time and where it starts on the movie's timeline, both
+        // in track units.
+        unsigned __int128 start = 0;
+        const size_t count = std::min(track.edits.size(), MaxEditsApplied);
+        for (size_t i = 0; i < count; ++i) {
+            const Edit &edit = track.edits[i];
+            if (movieTimescale == 0)
+                break;
+            // A last edit of duration 0 lasts as long as the media.
+            const bool open = edit.segmentDuration == 0 && i + 1 == track.edits.size();
+            const unsigned __int128 length =
+                (unsigned __int128)edit.segmentDuration * trackTimescale / movieTimescale;
+            if (edit.mediaTime >= 0)
+                spans.push_back(
+                    {edit.mediaTime, edit.rate == 0, open, quint64(clamp(length)), clamp(start)});
+            start += length;
+        }
+    }
+
+    std::optional<qint64> present(qint64 pts) const
+    {
+        if (!listed)
+            return pts;
+        for (const Span &span : spans) {
+            const qint64 into = pts - span.mediaStart;
+            if (span.dwell ? into == 0 : into >= 0 && (span.open || quint64(into) < span.length))
+                return span.movieStart + into;
+        }
+        return std::nullopt;
+    }
+
+private:
+    struct Span {
+        qint64 mediaStart;
+        bool dwell; // media_rate 0: the media at mediaStart held for the edit's duration
+        bool open;
+        quint64 length;
+        qint64 movieStart;
+    };
+
+    static qint64 clamp(unsigned __int128 value)
+    {
+        return value > quint64(std::numeric_limits<qint64>::max())
+                   ? std::numeric_limits<qint64>::max()
+                   : qint64(value);
+    }
+
+    bool listed;
+    std::vector<Span> spans;
+};
+} // namespace
+
+// Deep analysis reports the samples of every track, from tables read in place: chunk after
+// chunk as the sample-to-chunk entries give them, each sample with its decoding and
+// composition time, its duration, whether it is a sync sample, its presentation time and
+// the entries that made it. All tracks together report at most one sample per input byte.
+void ContainerMP4::walkTrackSamples()
+{
+    quint64 samplesLeft = quint64(input.size());
+    for (int stream = 0; stream < streams.size(); ++stream) {
+        enableSampleOutput(stream);
+        const TrackFacts facts = streams[stream]->track.value_or(TrackFacts());
+        const TrackContext &track = deep->track(stream);
+
+        SampleSizes sizes(input, track);
+        TableCursor chunkOffsets(input, track.chunkOffsets, 4, track.chunkOffsetWidth);
+        ChunkRuns chunks(input, track.sampleToChunk);
+        Runs deltas(input, track.timeToSample, false);
+        Runs offsets(input, track.compositionOffsets, track.compositionOffsets.version >= 1);
+        TableCursor syncNumbers(input, track.syncSamples, 4, 4);
+        const bool everySampleSync = !track.syncSamples.present;
+        const EditMap edits(track, deep->movieTimescale, facts.timescale);
+
+        const unsigned char *nextSync = syncNumbers.next();
+        TrackSample sample;
+        quint64 index = 0;
+        qint64 dts = 0;
+        for (quint64 chunk = 1; index < sizes.count() && samplesLeft > 0; ++chunk) {
+            const unsigned char *chunkOffset = chunkOffsets.next();
+            if (!chunkOffset)
+                break;
+            qint64 chunkEntry = -1;
+            const quint64 inChunk = chunks.samplesIn(chunk, &chunkEntry);
+            if (inChunk == 0 && chunks.exhausted())
+                break;
+            quint64 offset = TableCursor::number(chunkOffset, 0, int(track.chunkOffsetWidth));
+            for (quint64 i = 0; i < inChunk && index < sizes.count() && samplesLeft > 0; ++i) {
+                quint64 size = 0;
+                if (!sizes.next(&size))
+                    break;
+                qint64 delta = 0;
+                if (!deltas.next(&delta, &sample.timeToSampleEntry))
+                    sample.timeToSampleEntry = -1;
+                qint64 compositionOffset = 0;
+                if (!offsets.next(&compositionOffset, &sample.compositionEntry))
+                    sample.compositionEntry = -1;
+                // Sync numbers count from 1 and increase; one not above the last is passed.
+                while (nextSync && TableCursor::number(nextSync, 0, 4) < index + 1)
+                    nextSync = syncNumbers.next();
+
+                sample.offset = offset;
+                sample.size = size;
+                sample.dts = dts;
+                sample.pts = dts + compositionOffset;
+                sample.duration = quint32(delta);
+                sample.keyFrame = everySampleSync ||
+                                  (nextSync && TableCursor::number(nextSync, 0, 4) == index + 1);
+                sample.presentationTime = edits.present(sample.pts);
+                sample.chunk = chunk;
+                sample.sampleToChunkEntry = chunkEntry;
+                reportTrackSample(stream, index, sample);
+
+                offset += size;
+                dts += delta;
+                ++index;
+                --samplesLeft;
+            }
+        }
+    }
+}
