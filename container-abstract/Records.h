@@ -40,6 +40,17 @@ struct StreamInfo {
     std::optional<TrackFacts> track; // deep analysis only
 };
 
+// Where a sample of a movie fragment came from: the moof (counted from 0 in the file, and its
+// offset), the traf inside it and the trun inside that (each counted from 0), and the entry of
+// the trun.
+struct FragmentOrigin {
+    quint64 moof = 0;
+    quint64 moofOffset = 0;
+    quint64 traf = 0;
+    quint64 trun = 0;
+    quint64 trunEntry = 0;
+};
+
 // A sample as deep analysis reports it: times in 64 bits, signed where composition offsets
 // make them so, the time it is presented at, and the table entries that made it.
 struct TrackSample {
@@ -58,6 +69,8 @@ struct TrackSample {
     qint64 sampleToChunkEntry = -1;
     qint64 timeToSampleEntry = -1;
     qint64 compositionEntry = -1;
+    // A sample of a movie fragment has an origin there instead.
+    std::optional<FragmentOrigin> fragment;
 };
 
 // What the bytes of a field shown only by its position hold. Writers that keep a file's

@@ -368,14 +368,27 @@ void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
     out.appendLiteral(sample.keyFrame ? ",\"keyFrame\":1" : ",\"keyFrame\":0");
     out.appendLiteral(",\"presentationTime\":");
     optionalNumber(sample.presentationTime);
-    out.appendLiteral(",\"chunk\":");
-    out.appendUnsigned(sample.chunk);
-    out.appendLiteral(",\"stscEntry\":");
-    optionalNumber(entryIndex(sample.sampleToChunkEntry));
-    out.appendLiteral(",\"sttsEntry\":");
-    optionalNumber(entryIndex(sample.timeToSampleEntry));
-    out.appendLiteral(",\"cttsEntry\":");
-    optionalNumber(entryIndex(sample.compositionEntry));
+    if (const std::optional<FragmentOrigin> &origin = sample.fragment) {
+        out.appendLiteral(",\"moof\":");
+        out.appendUnsigned(origin->moof);
+        out.appendLiteral(",\"moofOffset\":");
+        out.appendUnsigned(origin->moofOffset);
+        out.appendLiteral(",\"traf\":");
+        out.appendUnsigned(origin->traf);
+        out.appendLiteral(",\"trun\":");
+        out.appendUnsigned(origin->trun);
+        out.appendLiteral(",\"trunEntry\":");
+        out.appendUnsigned(origin->trunEntry);
+    } else {
+        out.appendLiteral(",\"chunk\":");
+        out.appendUnsigned(sample.chunk);
+        out.appendLiteral(",\"stscEntry\":");
+        optionalNumber(entryIndex(sample.sampleToChunkEntry));
+        out.appendLiteral(",\"sttsEntry\":");
+        optionalNumber(entryIndex(sample.timeToSampleEntry));
+        out.appendLiteral(",\"cttsEntry\":");
+        optionalNumber(entryIndex(sample.compositionEntry));
+    }
     out.put('}');
 }
 

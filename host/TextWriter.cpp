@@ -8,7 +8,7 @@ constexpr int SizeWidth = 9;
 constexpr int TimeWidth = 11;
 constexpr int KeyWidth = 4;
 constexpr int PresentationWidth = 13;
-constexpr int ChunkWidth = 8;
+constexpr int OriginWidth = 14;
 
 // Field lines start with the field's place, padded to this width so that names line up.
 constexpr int PlaceWidth = 14;
@@ -306,7 +306,7 @@ void TextWriter::writeSampleTableHeader()
                    {"size", SizeWidth},   {"dts", TimeWidth},
                    {"pts", TimeWidth},    {"duration", TimeWidth},
                    {"key", KeyWidth},     {"presentation", PresentationWidth},
-                   {"chunk", ChunkWidth}};
+                   {"from", OriginWidth}};
     out.appendSpaces(2);
     // Streams of deep analysis have the last two columns.
     for (size_t i = 0; i < std::size(columns) - (stream.track ? 0 : 2); ++i) {
@@ -387,8 +387,16 @@ void TextWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
         out.appendSpaces(PresentationWidth - 2);
         out.put('-');
     }
+    // Where the sample came from: its chunk, or the moof of its movie fragment.
     out.put(' ');
-    out.appendUnsignedPadded(sample.chunk, ChunkWidth - 1);
+    const quint64 origin = sample.fragment ? sample.fragment->moof : sample.chunk;
+    const int label = sample.fragment ? 5 : 6;
+    out.appendSpaces(OriginWidth - 1 - label - OutputBuffer::decimalDigits(origin));
+    if (sample.fragment)
+        out.appendLiteral("moof ");
+    else
+        out.appendLiteral("chunk ");
+    out.appendUnsigned(origin);
     out.put('\n');
 }
 

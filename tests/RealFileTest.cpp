@@ -135,8 +135,10 @@ TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
     }
 }
 
-// Deep analysis lists the samples of every track, with composition times: each one as ffprobe
-// reads its packet.
+// Deep analysis lists the samples of every track, those of movie fragments too, with
+// composition times: each one as ffprobe reads its packet. Where composition offsets are
+// negative, FFmpeg moves a stream's decoding times back by the most negative one, so that no
+// sample decodes after it is shown; pts - dts is compared after that shift.
 TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
@@ -147,17 +149,24 @@ TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
          {"samples/sample.mp4", "tests/data/track-h264-bframes.mp4", "tests/data/track-mpeg4.mp4",
           "tests/data/track-aac-h264.mp4", "tests/data/deep-hevc.mp4", "tests/data/deep-av1.mp4",
           "tests/data/deep-vp9.mp4", "tests/data/deep-opus.mp4", "tests/data/deep-ac3.mp4",
-          "tests/data/deep-aac.m4a", "tests/data/deep-h264-aac.mov", "tests/data/deep-edits.mp4"}) {
+          "tests/data/deep-aac.m4a", "tests/data/deep-h264-aac.mov", "tests/data/deep-edits.mp4",
+          "tests/data/frag-empty-moov.mp4", "tests/data/frag-base-moof.mp4",
+          "tests/data/frag-cmaf.mp4"}) {
         SCOPED_TRACE(name);
         const ReportTree report = parseReport(readFile(sourcePath(name)), deep);
         QString ours;
         for (const ReportTree::Stream &stream : report.streams) {
-            for (int i = 0; i < stream.trackSamples.size(); ++i) {
-                const TrackSample &sample = stream.trackSamples[i];
-                const qint64 step = i ? sample.dts - stream.trackSamples[i - 1].dts : 0;
+            const auto &samples = stream.trackSamples;
+            qint64 shift = 0;
+            for (const TrackSample &sample : samples)
+                shift = qMax(shift, sample.dts - sample.pts);
+            for (int i = 0; i < samples.size(); ++i) {
+                const TrackSample &sample = samples[i];
+                const qint64 step = i ? sample.dts - samples[i - 1].dts : 0;
                 ours += QString::asprintf("%d %llu %llu %d %lld %lld\n", stream.index,
                                           qulonglong(sample.offset), qulonglong(sample.size),
-                                          sample.keyFrame ? 1 : 0, sample.pts - sample.dts, step);
+                                          sample.keyFrame ? 1 : 0, sample.pts - sample.dts + shift,
+                                          step);
             }
         }
         EXPECT_EQ(ours.toStdString(),

@@ -10,6 +10,7 @@ PayloadReader::PayloadReader(ContainerMP4 &parser, quint64 offset, quint64 size,
     : parser(parser)
     , basic(basic)
     , reader(parser.input, offset, size)
+    , start(parser.currentOffset)
     , offset(offset)
     , size(size)
 {
@@ -359,6 +360,18 @@ int PayloadReader::parseBasic()
         return ContainerAbstract::ParseOk;
     parser.input.seek(qint64(offset));
     return (parser.*basic)(offset, size);
+}
+
+int PayloadReader::streamOfTrack(quint32 trackId)
+{
+    for (int stream = 0; stream < parser.streams.size(); ++stream) {
+        const std::optional<TrackFacts> &facts = parser.streams[stream]->track;
+        if (facts && facts->trackId == trackId)
+            return stream;
+    }
+    const int stream = parser.beginTrack();
+    parser.streams[stream]->track.emplace().trackId = trackId;
+    return stream;
 }
 
 QString PayloadReader::parentType() const

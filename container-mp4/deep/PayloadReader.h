@@ -27,6 +27,8 @@ public:
     PayloadReader &operator=(const PayloadReader &) = delete;
 
     // Position
+    // The first byte of the box, its header included.
+    quint64 boxOffset() const { return start; }
     quint64 at() const { return offset + position; }
     quint64 end() const;
     // Payload bytes from at() to the end of the payload.
@@ -134,6 +136,9 @@ public:
     TrackFacts *facts() const;
     // What deep analysis gathers of that track, or null outside every trak.
     TrackContext *track() const;
+    // The stream of the track with the given track_ID: the one whose tkhd names it, else a
+    // stream opened for it (a track known from its movie fragments only).
+    int streamOfTrack(quint32 trackId);
 
 private:
     // Reads width bytes into bytes and moves behind them; false, with the reading ended,
@@ -147,6 +152,7 @@ private:
 
     ContainerMP4::BoxHandler basic;
     TableReader reader;
+    quint64 start;
     quint64 offset;
     quint64 size;
     quint64 position = 0;

@@ -4,6 +4,7 @@
 #include "ContainerMP4.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 
 namespace {
@@ -199,20 +200,31 @@ private:
     bool listed;
     std::vector<Span> spans;
 };
-} // namespace
+// The walk of one track's samples: where it stands, and where its samples go.
+struct TrackWalk {
+    InputDevice &input;
+    const TrackContext &track;
+    const EditMap &edits;
+    quint64 &samplesLeft; // of all tracks together
+    std::function<void(quint64 index, const TrackSample &sample)> report;
+    quint64 index = 0;
+    qint64 dts = 0; // of the next sample
 
-// Deep analysis reports the samples of every track, from tables read in place: chunk after
-// chunk as the sample-to-chunk entries give them, each sample with its decoding and
-// composition time, its duration, whether it is a sync sample, its presentation time and
-// the entries that made it. All tracks together report at most one sample per input byte.
-void ContainerMP4::walkTrackSamples()
-{
-    quint64 samplesLeft = quint64(input.size());
-    for (int stream = 0; stream < streams.size(); ++stream) {
-        enableSampleOutput(stream);
-        const TrackFacts facts = streams[stream]->track.value_or(TrackFacts());
-        const TrackContext &track = deep->track(stream);
+    void add(TrackSample &sample, qint64 compositionOffset)
+    {
+        sample.dts = dts;
+        sample.pts = dts + compositionOffset;
+        sample.presentationTime = edits.present(sample.pts);
+        report(index, sample);
+        dts += sample.duration;
+        ++index;
+        --samplesLeft;
+    }
 
+    // The samples of the sample tables: chunk after chunk as the sample-to-chunk entries
+    // give them.
+    void walkTables()
+    {
         SampleSizes sizes(input, track);
         TableCursor chunkOffsets(input, track.chunkOffsets, 4, track.chunkOffsetWidth);
         ChunkRuns chunks(input, track.sampleToChunk);
@@ -220,12 +232,8 @@ void ContainerMP4::walkTrackSamples()
         Runs offsets(input, track.compositionOffsets, track.compositionOffsets.version >= 1);
         TableCursor syncNumbers(input, track.syncSamples, 4, 4);
         const bool everySampleSync = !track.syncSamples.present;
-        const EditMap edits(track, deep->movieTimescale, facts.timescale);
-
         const unsigned char *nextSync = syncNumbers.next();
         TrackSample sample;
-        quint64 index = 0;
-        qint64 dts = 0;
         for (quint64 chunk = 1; index < sizes.count() && samplesLeft > 0; ++chunk) {
             const unsigned char *chunkOffset = chunkOffsets.next();
             if (!chunkOffset)
@@ -234,10 +242,9 @@ void ContainerMP4::walkTrackSamples()
             const quint64 inChunk = chunks.samplesIn(chunk, &chunkEntry);
             if (inChunk == 0 && chunks.exhausted())
                 break;
-            quint64 offset = TableCursor::number(chunkOffset, 0, int(track.chunkOffsetWidth));
+            sample.offset = TableCursor::number(chunkOffset, 0, int(track.chunkOffsetWidth));
             for (quint64 i = 0; i < inChunk && index < sizes.count() && samplesLeft > 0; ++i) {
-                quint64 size = 0;
-                if (!sizes.next(&size))
+                if (!sizes.next(&sample.size))
                     break;
                 qint64 delta = 0;
                 if (!deltas.next(&delta, &sample.timeToSampleEntry))
@@ -248,24 +255,80 @@ void ContainerMP4::walkTrackSamples()
                 // Sync numbers count from 1 and increase; one not above the last is passed.
                 while (nextSync && TableCursor::number(nextSync, 0, 4) < index + 1)
                     nextSync = syncNumbers.next();
-
-                sample.offset = offset;
-                sample.size = size;
-                sample.dts = dts;
-                sample.pts = dts + compositionOffset;
                 sample.duration = quint32(delta);
                 sample.keyFrame = everySampleSync ||
                                   (nextSync && TableCursor::number(nextSync, 0, 4) == index + 1);
-                sample.presentationTime = edits.present(sample.pts);
                 sample.chunk = chunk;
                 sample.sampleToChunkEntry = chunkEntry;
-                reportTrackSample(stream, index, sample);
-
-                offset += size;
-                dts += delta;
-                ++index;
-                --samplesLeft;
+                add(sample, compositionOffset);
+                sample.offset += sample.size;
             }
         }
+    }
+
+    // The samples of the movie fragments, run after run, in file order. A run that follows a
+    // tfdt starts at its decoding time; any other goes on from the sample before it.
+    void walkFragments()
+    {
+        TrackSample sample;
+        for (const FragmentRun &run : track.runs) {
+            if (run.baseMediaDecodeTime)
+                dts = qint64(*run.baseMediaDecodeTime);
+            const bool hasDuration = run.flags & 0x100;
+            const bool hasSize = run.flags & 0x200;
+            const bool hasFlags = run.flags & 0x400;
+            const bool hasOffset = run.flags & 0x800;
+            const quint64 entrySize = 4 * quint64(hasDuration + hasSize + hasFlags + hasOffset);
+            TableCursor entries(input, TableBox{run.entries, entrySize * run.sampleCount, 0, true},
+                                0, entrySize);
+            sample.offset = run.dataOffset;
+            sample.fragment = run.origin;
+            for (quint32 i = 0; i < run.sampleCount && samplesLeft > 0; ++i) {
+                const unsigned char *entry = entrySize > 0 ? entries.next() : nullptr;
+                if (entrySize > 0 && !entry)
+                    break;
+                // The fields an entry has, in their order; the defaults stand for the others.
+                int at = 0;
+                const auto field = [&](bool present, quint32 fallback) {
+                    if (!present)
+                        return fallback;
+                    at += 4;
+                    return quint32(TableCursor::number(entry, at - 4, 4));
+                };
+                sample.duration = field(hasDuration, run.defaults.duration);
+                sample.size = field(hasSize, run.defaults.size);
+                const quint32 firstFlags =
+                    i == 0 && run.firstSampleFlags ? *run.firstSampleFlags : run.defaults.flags;
+                const quint32 flags = field(hasFlags, firstFlags);
+                const quint32 offset = field(hasOffset, 0);
+                // The sample_is_non_sync_sample bit.
+                sample.keyFrame = !(flags & 0x10000);
+                sample.fragment->trunEntry = i;
+                add(sample, run.version == 0 ? qint64(offset) : qint64(qint32(offset)));
+                sample.offset += sample.size;
+            }
+        }
+    }
+};
+} // namespace
+
+// Deep analysis reports the samples of every track: those of its sample tables, read in
+// place, then those of its movie fragments, each with its decoding and composition time,
+// its duration, whether it is a sync sample, its presentation time and the entries that made
+// it. All tracks together report at most one sample per input byte.
+void ContainerMP4::walkTrackSamples()
+{
+    quint64 samplesLeft = quint64(input.size());
+    for (int stream = 0; stream < streams.size(); ++stream) {
+        enableSampleOutput(stream);
+        const TrackContext &track = deep->track(stream);
+        const quint32 timescale = streams[stream]->track ? streams[stream]->track->timescale : 0;
+        const EditMap edits(track, deep->movieTimescale, timescale);
+        TrackWalk walk{input, track, edits, samplesLeft,
+                       [this, stream](quint64 index, const TrackSample &sample) {
+                           reportTrackSample(stream, index, sample);
+                       }};
+        walk.walkTables();
+        walk.walkFragments();
     }
 }
