@@ -276,10 +276,15 @@ quint64 PayloadReader::Bits::skip(int count)
 
 quint64 PayloadReader::Bits::field(const char *name, int count, const QString &comment)
 {
+    return field(QString::fromLatin1(name), count, comment);
+}
+
+quint64 PayloadReader::Bits::field(const QString &name, int count, const QString &comment)
+{
     const int first = used;
     const quint64 value = skip(count);
     if (whole && used > first)
-        box.reportBits(start, first, count, QString::fromLatin1(name), value, comment);
+        box.reportBits(start, first, count, name, value, comment);
     return value;
 }
 

@@ -87,6 +87,8 @@ public:
     public:
         // The next count bits; reported as a bit field.
         quint64 field(const char *name, int count, const QString &comment = QString());
+        // The same with a name made once, for fields read in loops over many entries.
+        quint64 field(const QString &name, int count, const QString &comment = QString());
         // The same as a field of a list of like fields, at its place in the list.
         quint64 listField(const QString &name, int count, qint64 index);
         // The next count bits as a flag: its value with "yes" or "no" beside it.
