@@ -21,3 +21,5 @@ constexpr int DeepPlain = 8;
 // The families of the deep vocabulary, one file each.
 DeepRows trackStructureRows(); // the boxes that lead to the samples: headers, tables, edits
 DeepRows sampleTableRows();    // ctts and the other tables beside the basic ones
+// The decoder configurations of the sample entries, and the descriptors of esds and iods.
+DeepRows codecConfigurationRows();
