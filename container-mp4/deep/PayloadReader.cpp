@@ -91,6 +91,19 @@ qint64 PayloadReader::signedField(const QString &name, int bytes, const QString 
     return signedValue;
 }
 
+quint64 PayloadReader::decodedField(const char *name, int bytes, quint64 value,
+                                    const QString &comment)
+{
+    const quint64 at = this->at();
+    bool read = false;
+    takeUnsigned(bytes, &read);
+    if (!read)
+        return 0;
+    report(at, quint64(bytes), QString::fromLatin1(name), number.render(value, valueBase()),
+           comment);
+    return value;
+}
+
 quint8 PayloadReader::u8(const char *name, const QString &comment)
 {
     return quint8(unsignedField(QString::fromLatin1(name), 1, comment));

@@ -49,6 +49,10 @@ public:
     qint16 i16(const char *name, const QString &comment = QString());
     qint32 i32(const char *name, const QString &comment = QString());
     qint64 i64(const char *name, const QString &comment = QString());
+    // A number of 1 to 8 bytes whose value the caller decoded itself from a peek, such as a
+    // size written in pieces of 7 bits: reported with that value.
+    quint64 decodedField(const char *name, int bytes, quint64 value,
+                         const QString &comment = QString());
     // A field of 8 bytes when wide (version 1 of most boxes), else of 4.
     quint64 versioned(const char *name, bool wide, const QString &comment = QString());
     // Fixed point: the integer and the fraction part as integers joined by ".", as every
