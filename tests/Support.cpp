@@ -137,12 +137,19 @@ QString deepDump(const QByteArray &input)
         for (int i = 0; i < stream.trackSamples.size(); ++i) {
             const TrackSample &s = stream.trackSamples[i];
             all += QString::asprintf(
-                "  %llu %llu %llu %lld %lld %u %d %s %llu %lld %lld %lld\n",
-                qulonglong(stream.sampleIndexes[i]), qulonglong(s.offset), qulonglong(s.size),
-                qlonglong(s.dts), qlonglong(s.pts), s.duration, s.keyFrame ? 1 : 0,
-                s.presentationTime ? qPrintable(QString::number(*s.presentationTime)) : "-",
-                qulonglong(s.chunk), qlonglong(s.sampleToChunkEntry),
-                qlonglong(s.timeToSampleEntry), qlonglong(s.compositionEntry));
+                "  %llu %llu %llu %lld %lld %u %d %s", qulonglong(stream.sampleIndexes[i]),
+                qulonglong(s.offset), qulonglong(s.size), qlonglong(s.dts), qlonglong(s.pts),
+                s.duration, s.keyFrame ? 1 : 0,
+                s.presentationTime ? qPrintable(QString::number(*s.presentationTime)) : "-");
+            if (const std::optional<FragmentOrigin> &origin = s.fragment)
+                all += QString::asprintf(" moof %llu@%llu traf %llu trun %llu entry %llu\n",
+                                         qulonglong(origin->moof), qulonglong(origin->moofOffset),
+                                         qulonglong(origin->traf), qulonglong(origin->trun),
+                                         qulonglong(origin->trunEntry));
+            else
+                all += QString::asprintf(
+                    " %llu %lld %lld %lld\n", qulonglong(s.chunk), qlonglong(s.sampleToChunkEntry),
+                    qlonglong(s.timeToSampleEntry), qlonglong(s.compositionEntry));
         }
     }
     return all;

@@ -50,6 +50,8 @@ QString dump(const ReportTree &report);
 //   stream index: codec id (name) widthxheight config @offset+size | track id handler entry
 //     timescale duration language [channels rate]
 //   index offset size dts pts duration key presentation chunk stsc stts ctts
+// where a sample of a movie fragment has "moof index@offset traf t trun r entry e" for the last
+// four.
 QString deepDump(const QByteArray &input);
 
 // Compares actual with tests/golden/<name>.txt. With UPDATE_GOLDEN=1 in the environment the
