@@ -21,3 +21,5 @@ constexpr int DeepPlain = 8;
 // The families of the deep vocabulary, one file each.
 DeepRows trackStructureRows(); // the boxes that lead to the samples: headers, tables, edits
 DeepRows sampleTableRows();    // ctts and the other tables beside the basic ones
+DeepRows sampleEntryRows();    // stsd, its sample entries, and the boxes of text and hint entries
+DeepRows entryBoxRows();       // the small boxes that extend visual and audio entries
