@@ -4,18 +4,61 @@ namespace {
 const struct {
     const char *sampleEntryType;
     Codec codec;
+    // Whether only deep analysis names the codec; the basic report names only the others.
+    bool deepOnly;
 } Codecs[] = {
-    {"avc1", {28, "H.264"}},
-    {"mp4v", {13, "MPEG-4 Visual"}},
-    {"s263", {5, "H.263"}},
+    {"avc1", {28, "H.264"}, false},
+    {"mp4v", {13, "MPEG-4 Visual"}, false},
+    {"s263", {5, "H.263"}, false},
+    {"avc3", {28, "H.264"}, true},
+    {"hvc1", {174, "HEVC"}, true},
+    {"hev1", {174, "HEVC"}, true},
+    {"av01", {227, "AV1"}, true},
+    {"vp09", {168, "VP9"}, true},
+    {"vp08", {140, "VP8"}, true},
+    {"mjpa", {8, "Motion JPEG"}, true},
+    {"mjpb", {8, "Motion JPEG"}, true},
+    {"jpeg", {8, "Motion JPEG"}, true},
+    {"apch", {148, "ProRes"}, true},
+    {"apcn", {148, "ProRes"}, true},
+    {"apcs", {148, "ProRes"}, true},
+    {"apco", {148, "ProRes"}, true},
+    {"ap4h", {148, "ProRes"}, true},
+    {"mp4a", {86018, "AAC"}, true},
+    {"ac-3", {86019, "AC-3"}, true},
+    {"ec-3", {86056, "E-AC-3"}, true},
+    {"Opus", {86076, "Opus"}, true},
+    {"fLaC", {86028, "FLAC"}, true},
+    {"alac", {86032, "ALAC"}, true},
+    {"twos", {65537, "PCM signed 16-bit big-endian"}, true},
+    {"sowt", {65536, "PCM signed 16-bit little-endian"}, true},
+    {"in24", {65549, "PCM signed 24-bit big-endian"}, true},
+    {"fl32", {65556, "PCM 32-bit float big-endian"}, true},
+    {"ipcm", {0, "PCM"}, true},
+    {"fpcm", {0, "PCM"}, true},
+    {"lpcm", {0, "PCM"}, true},
+    {"tx3g", {94213, "MPEG-4 timed text"}, true},
+    {"wvtt", {94226, "WebVTT"}, true},
+    {"stpp", {94232, "TTML"}, true},
+    {"tmcd", {0, "timecode"}, true},
 };
+
+const Codec *find(const QString &sampleEntryType, bool deep)
+{
+    for (const auto &row : Codecs) {
+        if ((deep || !row.deepOnly) && sampleEntryType == QLatin1String(row.sampleEntryType))
+            return &row.codec;
+    }
+    return nullptr;
+}
 } // namespace
 
 const Codec *codecOf(const QString &sampleEntryType)
 {
-    for (const auto &row : Codecs) {
-        if (sampleEntryType == QLatin1String(row.sampleEntryType))
-            return &row.codec;
-    }
-    return nullptr;
+    return find(sampleEntryType, false);
+}
+
+const Codec *deepCodecOf(const QString &sampleEntryType)
+{
+    return find(sampleEntryType, true);
 }

@@ -12,3 +12,5 @@ struct Codec {
 
 // The codec of a visual sample entry type, or null when the type names none that is known.
 const Codec *codecOf(const QString &sampleEntryType);
+// The same for deep analysis, which knows the codecs of every kind of sample entry.
+const Codec *deepCodecOf(const QString &sampleEntryType);

@@ -23,3 +23,5 @@ DeepRows trackStructureRows();     // the boxes that lead to the samples: header
 DeepRows sampleTableRows();        // ctts and the other tables beside the basic ones
 DeepRows fragmentRows();           // movie fragments: mvex, moof and what they hold
 DeepRows codecConfigurationRows(); // decoder configurations, the descriptors of esds and iods
+DeepRows sampleEntryRows();        // stsd, its sample entries, the boxes of text and hint entries
+DeepRows entryBoxRows();           // the small boxes that extend visual and audio entries

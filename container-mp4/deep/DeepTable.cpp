@@ -9,6 +9,8 @@ void ContainerMP4::addDeepRows()
              sampleTableRows(),
              fragmentRows(),
              codecConfigurationRows(),
+             sampleEntryRows(),
+             entryBoxRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

@@ -5,6 +5,9 @@
 
 #include <QtEndian>
 
+#include <charconv>
+#include <cstring>
+
 PayloadReader::PayloadReader(ContainerMP4 &parser, quint64 offset, quint64 size,
                              ContainerMP4::BoxHandler basic)
     : parser(parser)
@@ -175,6 +178,43 @@ quint16 PayloadReader::fixed8(const char *name, bool isSigned, const QString &co
     return value;
 }
 
+quint64 PayloadReader::sizeField(const char *name, int bytes, const QString &comment)
+{
+    const quint64 at = this->at();
+    bool read = false;
+    const quint64 value = takeUnsigned(bytes, &read);
+    if (read)
+        report(at, quint64(bytes), QString::fromLatin1(name), Render::u64(value, parser.sizeBase),
+               comment);
+    return value;
+}
+
+double PayloadReader::floatField(const QString &name, int bytes, qint64 index)
+{
+    const quint64 at = this->at();
+    bool read = false;
+    const quint64 word = takeUnsigned(bytes, &read);
+    if (!read)
+        return 0;
+    // The shortest digits that read back as the same number, of its own width.
+    char digits[32];
+    std::to_chars_result written{};
+    double value = 0;
+    if (bytes == 4) {
+        const quint32 narrow = quint32(word);
+        float single = 0;
+        std::memcpy(&single, &narrow, sizeof single);
+        written = std::to_chars(digits, digits + sizeof digits, single);
+        value = single;
+    } else {
+        std::memcpy(&value, &word, sizeof value);
+        written = std::to_chars(digits, digits + sizeof digits, value);
+    }
+    parser.addField(false, at, 0, quint64(bytes), name,
+                    QString::fromLatin1(digits, written.ptr - digits), QString(), QString(), index);
+    return value;
+}
+
 QString PayloadReader::fourcc(const char *name, const QString &comment)
 {
     return fixedText(name, 4, comment);
@@ -229,6 +269,20 @@ QString PayloadReader::utf8(const char *name, quint64 width, const QString &comm
         return QString();
     }
     const QString text = QString::fromUtf8(bytes);
+    report(at, width, QString::fromLatin1(name), text, comment);
+    return text;
+}
+
+QString PayloadReader::countedText(const char *name, quint64 width, const QString &comment)
+{
+    const quint64 at = this->at();
+    QByteArray bytes(qsizetype(qMin(width, available())), Qt::Uninitialized);
+    if (bytes.isEmpty() || quint64(bytes.size()) != width || !take(bytes.data(), width)) {
+        whole = false;
+        return QString();
+    }
+    const qsizetype length = qMin<qsizetype>(quint8(bytes.at(0)), bytes.size() - 1);
+    const QString text = QString::fromUtf8(bytes.constData() + 1, length);
     report(at, width, QString::fromLatin1(name), text, comment);
     return text;
 }
@@ -368,6 +422,14 @@ int PayloadReader::walkChildren()
     const quint64 savedOffset = parser.currentOffset;
     const int result = parser.walkChildren(from, end());
     parser.currentOffset = savedOffset;
+    return result;
+}
+
+int PayloadReader::walkChildrenOf(const QString &parentType)
+{
+    parser.boxPath.append(parentType);
+    const int result = walkChildren();
+    parser.boxPath.removeLast();
     return result;
 }
 

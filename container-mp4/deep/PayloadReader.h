@@ -59,6 +59,11 @@ public:
     // fixed-point field of the report shows (1.5 in 16.16 is "1.32768").
     quint32 fixed16(const char *name, bool isSigned = false, const QString &comment = QString());
     quint16 fixed8(const char *name, bool isSigned = false, const QString &comment = QString());
+    // An unsigned number of 1 to 8 bytes that is a size, rendered in the size base.
+    quint64 sizeField(const char *name, int bytes, const QString &comment = QString());
+    // An IEEE 754 floating-point number of 4 or 8 bytes, in decimal; a field of a list of
+    // like fields where index is not -1.
+    double floatField(const QString &name, int bytes, qint64 index = -1);
 
     // Texts
     // Four characters, such as a box type or a brand.
@@ -69,6 +74,9 @@ public:
     QString nullTerminated(const char *name, const QString &comment = QString());
     // UTF-8 of the given width, without a terminator.
     QString utf8(const char *name, quint64 width, const QString &comment = QString());
+    // A counted text in a field of a fixed width: its first byte the length of the UTF-8 text
+    // behind it, the rest of the field padding. Reported as one field of the whole width.
+    QString countedText(const char *name, quint64 width, const QString &comment = QString());
 
     // Bytes
     // A raw field: its bytes in hex.
@@ -122,6 +130,9 @@ public:
 
     // Child boxes from the current position to the end of the payload, through the walker.
     int walkChildren();
+    // The same for the children of a box that the walker does not walk itself, such as a
+    // sample entry: the children see a box of parentType as their parent.
+    int walkChildrenOf(const QString &parentType);
     // Runs the basic parser of the box's type over the whole payload, so that the box is
     // reported as without deep analysis; the reading ends. Nothing without one.
     int parseBasic();
