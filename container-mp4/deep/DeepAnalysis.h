@@ -33,6 +33,7 @@ struct TrackContext {
     TableBox syncSamples;         // stss
     bool hasEditList = false;
     std::vector<Edit> edits;
+    int perSampleIvSize = -1; // tenc: the IV bytes of each protected sample; -1 while unknown
 };
 
 // What deep analysis gathers of a file while its boxes are walked.
