@@ -22,3 +22,4 @@ constexpr int DeepPlain = 8;
 DeepRows trackStructureRows(); // the boxes that lead to the samples: headers, tables, edits
 DeepRows sampleTableRows();    // ctts and the other tables beside the basic ones
 DeepRows protectionRows();     // common encryption: sinf, tenc, pssh, senc
+DeepRows segmentRows();        // segment indexes, events, random access and other extras
