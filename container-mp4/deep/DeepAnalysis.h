@@ -61,6 +61,7 @@ struct TrackContext {
     TableBox syncSamples;         // stss
     bool hasEditList = false;
     std::vector<Edit> edits;
+    int perSampleIvSize = -1;      // tenc: the IV bytes of each protected sample; -1 while unknown
     std::vector<FragmentRun> runs; // of its movie fragments, in file order
 };
 

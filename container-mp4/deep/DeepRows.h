@@ -25,3 +25,5 @@ DeepRows fragmentRows();           // movie fragments: mvex, moof and what they 
 DeepRows codecConfigurationRows(); // decoder configurations, the descriptors of esds and iods
 DeepRows sampleEntryRows();        // stsd, its sample entries, the boxes of text and hint entries
 DeepRows entryBoxRows();           // the small boxes that extend visual and audio entries
+DeepRows protectionRows();         // common encryption: sinf, tenc, pssh, senc
+DeepRows segmentRows();            // segment indexes, events, random access and other extras

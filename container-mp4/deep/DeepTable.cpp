@@ -11,6 +11,8 @@ void ContainerMP4::addDeepRows()
              codecConfigurationRows(),
              sampleEntryRows(),
              entryBoxRows(),
+             protectionRows(),
+             segmentRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

@@ -12,6 +12,8 @@
 #   deep-aac.m4a           AAC with title and artist (esds, udta/meta/ilst)
 #   deep-h264-aac.mov      QuickTime: H.264 with B-frames and AAC, with a title
 #   deep-edits.mp4         H.264 with B-frames and AAC, the video starting late (an empty edit)
+#   deep-cenc.mp4          H.264 and AAC protected with cenc (sinf, tenc, senc with subsamples)
+#   deep-dash.mp4          H.264 in fragments for DASH (sidx, prft, mfra with tfra and mfro)
 set -euo pipefail
 cd "$(dirname "$0")"
 ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
@@ -21,6 +23,9 @@ plain=(-fflags +bitexact -flags:v +bitexact -flags:a +bitexact -threads 1)
 x264=(-c:v libx264 -preset ultrafast -crf 45 -pix_fmt yuv420p -g 4 -keyint_min 4 -sc_threshold 0
       -bf 2 -x264-params b-adapt=0:b-pyramid=none -bsf:v filter_units=remove_types=6)
 tags=(-metadata title=Sample -metadata artist=Sarvelinth)
+# A fixed key and key ID; with bit-exact flags the IVs are the same from run to run too.
+cenc=(-encryption_scheme cenc-aes-ctr -encryption_key 00112233445566778899aabbccddeeff
+      -encryption_kid 00112233445566778899aabbccddeeff)
 
 ff "${video[@]}" -c:v libx265 -preset ultrafast -crf 45 -tag:v hvc1 \
     -x265-params log-level=none:keyint=4:bframes=2:pools=none:frame-threads=1 \
@@ -37,4 +42,9 @@ ff "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" \
     -metadata title=Sample deep-h264-aac.mov
 ff -itsoffset 0.3 "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" \
     -map_metadata -1 deep-edits.mp4
+ff "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" -map_metadata -1 \
+    "${cenc[@]}" deep-cenc.mp4
+# prft from the packets' times rather than the clock, so that the file does not change.
+ff "${video[@]}" "${x264[@]}" "${plain[@]}" -map_metadata -1 -movflags +dash+frag_keyframe \
+    -write_prft pts deep-dash.mp4
 ls -l deep-*
