@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QStringList>
 #include <QtGlobal>
 
 #include <vector>
@@ -49,6 +50,9 @@ public:
     const std::vector<TrackContext> &allTracks() const { return tracks; }
 
     quint32 movieTimescale = 0;
+    // The key values of the keys box of the metadata box being walked, for the items of
+    // its ilst that stand for a key by its index (1 for the first).
+    QStringList metadataKeys;
 
 private:
     std::vector<TrackContext> tracks; // by stream index

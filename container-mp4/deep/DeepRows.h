@@ -21,3 +21,5 @@ constexpr int DeepPlain = 8;
 // The families of the deep vocabulary, one file each.
 DeepRows trackStructureRows(); // the boxes that lead to the samples: headers, tables, edits
 DeepRows sampleTableRows();    // ctts and the other tables beside the basic ones
+DeepRows trackBoxRows();       // track references, data references, media headers, QuickTime
+DeepRows userDataRows();       // udta, meta, keys, ilst items and QuickTime text atoms

@@ -4,7 +4,8 @@
 
 void ContainerMP4::addDeepRows()
 {
-    for (const DeepRows &family : {trackStructureRows(), sampleTableRows()}) {
+    for (const DeepRows &family :
+         {trackStructureRows(), sampleTableRows(), trackBoxRows(), userDataRows()}) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);
             // The basic parser of the type stays with the row, for the deep one to call.

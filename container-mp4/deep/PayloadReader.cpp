@@ -2,6 +2,7 @@
 
 #include "Bounds.h"
 #include "DeepAnalysis.h"
+#include "boxes/HeaderFields.h"
 
 #include <QtEndian>
 
@@ -10,6 +11,7 @@ PayloadReader::PayloadReader(ContainerMP4 &parser, quint64 offset, quint64 size,
     : parser(parser)
     , basic(basic)
     , reader(parser.input, offset, size)
+    , boxStart(parser.currentOffset)
     , offset(offset)
     , size(size)
 {
@@ -219,6 +221,34 @@ QString PayloadReader::utf8(const char *name, quint64 width, const QString &comm
     return text;
 }
 
+QString PayloadReader::utf16(const char *name, quint64 width, const QString &comment)
+{
+    const quint64 at = this->at();
+    QByteArray bytes(qsizetype(qMin(width, available())), Qt::Uninitialized);
+    if (quint64(bytes.size()) != width || !take(bytes.data(), width)) {
+        whole = false;
+        return QString();
+    }
+    const auto *byte = reinterpret_cast<const unsigned char *>(bytes.constData());
+    qsizetype i = 0;
+    bool littleEndian = false;
+    if (bytes.size() >= 2 &&
+        ((byte[0] == 0xFE && byte[1] == 0xFF) || (byte[0] == 0xFF && byte[1] == 0xFE))) {
+        littleEndian = byte[0] == 0xFF;
+        i = 2;
+    }
+    QString text;
+    for (; i + 1 < bytes.size(); i += 2) {
+        const char16_t unit = littleEndian ? char16_t(byte[i + 1] << 8 | byte[i])
+                                           : char16_t(byte[i] << 8 | byte[i + 1]);
+        if (unit == 0)
+            break;
+        text += QChar(unit);
+    }
+    report(at, width, QString::fromLatin1(name), text, comment);
+    return text;
+}
+
 void PayloadReader::raw(const char *name, quint64 width, const QString &comment)
 {
     const quint64 at = this->at();
@@ -301,6 +331,16 @@ bool PayloadReader::Bits::flag(const char *name, int count)
     return value != 0;
 }
 
+QString PayloadReader::Bits::language(const char *name)
+{
+    const int first = used;
+    const QString letters = HeaderFields::language(quint16(skip(15)));
+    if (whole && used > first)
+        box.parser.addField(true, start + quint64(first / 8), quint8(first % 8), 15,
+                            QString::fromLatin1(name), letters, QString(), QString(), -1);
+    return letters;
+}
+
 void PayloadReader::reportBits(quint64 wordAt, int firstBit, int count, const QString &name,
                                quint64 value, const QString &comment, qint64 index)
 {
@@ -340,6 +380,13 @@ quint64 PayloadReader::listField(const QString &name, int bytes, qint64 index)
     return value;
 }
 
+quint32 PayloadReader::versionAndFlags(const QString &flagsComment)
+{
+    parser.boxVersion = u8("version");
+    parser.boxFlags = u24("flags", flagsComment);
+    return parser.boxFlags;
+}
+
 int PayloadReader::walkChildren()
 {
     if (!whole || left() == 0)
@@ -359,6 +406,14 @@ int PayloadReader::parseBasic()
         return ContainerAbstract::ParseOk;
     parser.input.seek(qint64(offset));
     return (parser.*basic)(offset, size);
+}
+
+quint32 PayloadReader::typeCode() const
+{
+    unsigned char bytes[4] = {};
+    parser.input.seek(qint64(boxStart + 4));
+    parser.input.readBytes(reinterpret_cast<char *>(bytes), 4);
+    return qFromBigEndian<quint32>(bytes);
 }
 
 QString PayloadReader::parentType() const
