@@ -185,6 +185,7 @@ QString PayloadReader::nullTerminated(const char *name, const QString &comment)
 {
     const quint64 at = this->at();
     const quint64 available = whole ? this->available() : 0;
+    const quint64 payloadLeft = left();
     // Read in pieces, so that a payload far larger than its text costs nothing.
     QByteArray bytes;
     char piece[256];
@@ -200,7 +201,7 @@ QString PayloadReader::nullTerminated(const char *name, const QString &comment)
         position -= width - (terminated ? used + 1 : used);
     }
     // Cut off by the end of the input: the text is what is there, and the reading ends.
-    if (!terminated && available < left())
+    if (!terminated && available < payloadLeft)
         whole = false;
     const QString text = QString::fromUtf8(bytes);
     if (this->at() > at)
