@@ -12,6 +12,8 @@
 #   deep-aac.m4a           AAC with title and artist (esds, udta/meta/ilst)
 #   deep-h264-aac.mov      QuickTime: H.264 with B-frames and AAC, with a title
 #   deep-edits.mp4         H.264 with B-frames and AAC, the video starting late (an empty edit)
+#   deep-metadata.mov      QuickTime: MPEG-4 Visual with a time code track (tref, gmhd, tcmi),
+#                          a chapter text track, Nero chapters (chpl) and tags by key (keys)
 set -euo pipefail
 cd "$(dirname "$0")"
 ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
@@ -37,4 +39,12 @@ ff "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" \
     -metadata title=Sample deep-h264-aac.mov
 ff -itsoffset 0.3 "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" \
     -map_metadata -1 deep-edits.mp4
+chapters=$(mktemp)
+trap 'rm -f "$chapters"' EXIT
+printf '%s\n' ';FFMETADATA1' title=Chaptered \
+    '[CHAPTER]' TIMEBASE=1/1000 START=0 END=600 title=One \
+    '[CHAPTER]' TIMEBASE=1/1000 START=600 END=1200 title=Two >"$chapters"
+ff "${video[@]}" -f ffmetadata -i "$chapters" -map 0 -map_metadata 1 -map_chapters 1 -c:v mpeg4 \
+    -q:v 31 "${plain[@]}" -timecode 01:00:00:00 -metadata artist=Sarvelinth \
+    -movflags use_metadata_tags deep-metadata.mov
 ls -l deep-*
