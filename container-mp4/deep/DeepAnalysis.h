@@ -2,6 +2,7 @@
 
 #include "Records.h"
 
+#include <QStringList>
 #include <QtGlobal>
 
 #include <map>
@@ -101,6 +102,9 @@ public:
     // From trex, by track_ID.
     std::map<quint32, SampleDefaults> trackDefaults;
     FragmentWalk fragment;
+    // The key values of the keys box of the metadata box being walked, for the items of
+    // its ilst that stand for a key by its index (1 for the first).
+    QStringList metadataKeys;
 
 private:
     std::vector<TrackContext> tracks; // by stream index

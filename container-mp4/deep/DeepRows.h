@@ -27,3 +27,5 @@ DeepRows sampleEntryRows();        // stsd, its sample entries, the boxes of tex
 DeepRows entryBoxRows();           // the small boxes that extend visual and audio entries
 DeepRows protectionRows();         // common encryption: sinf, tenc, pssh, senc
 DeepRows segmentRows();            // segment indexes, events, random access and other extras
+DeepRows trackBoxRows();           // track and data references, media headers, QuickTime boxes
+DeepRows userDataRows();           // udta, meta, keys, ilst items and QuickTime text atoms

@@ -13,6 +13,8 @@ void ContainerMP4::addDeepRows()
              entryBoxRows(),
              protectionRows(),
              segmentRows(),
+             trackBoxRows(),
+             userDataRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

@@ -2,6 +2,7 @@
 
 #include "Bounds.h"
 #include "DeepAnalysis.h"
+#include "boxes/HeaderFields.h"
 
 #include <QtEndian>
 
@@ -237,6 +238,7 @@ QString PayloadReader::nullTerminated(const char *name, const QString &comment)
 {
     const quint64 at = this->at();
     const quint64 available = whole ? this->available() : 0;
+    const quint64 payloadLeft = left();
     // Read in pieces, so that a payload far larger than its text costs nothing.
     QByteArray bytes;
     char piece[256];
@@ -252,7 +254,7 @@ QString PayloadReader::nullTerminated(const char *name, const QString &comment)
         position -= width - (terminated ? used + 1 : used);
     }
     // Cut off by the end of the input: the text is what is there, and the reading ends.
-    if (!terminated && available < left())
+    if (!terminated && available < payloadLeft)
         whole = false;
     const QString text = QString::fromUtf8(bytes);
     if (this->at() > at)
@@ -283,6 +285,34 @@ QString PayloadReader::countedText(const char *name, quint64 width, const QStrin
     }
     const qsizetype length = qMin<qsizetype>(quint8(bytes.at(0)), bytes.size() - 1);
     const QString text = QString::fromUtf8(bytes.constData() + 1, length);
+    report(at, width, QString::fromLatin1(name), text, comment);
+    return text;
+}
+
+QString PayloadReader::utf16(const char *name, quint64 width, const QString &comment)
+{
+    const quint64 at = this->at();
+    QByteArray bytes(qsizetype(qMin(width, available())), Qt::Uninitialized);
+    if (quint64(bytes.size()) != width || !take(bytes.data(), width)) {
+        whole = false;
+        return QString();
+    }
+    const auto *byte = reinterpret_cast<const unsigned char *>(bytes.constData());
+    qsizetype i = 0;
+    bool littleEndian = false;
+    if (bytes.size() >= 2 &&
+        ((byte[0] == 0xFE && byte[1] == 0xFF) || (byte[0] == 0xFF && byte[1] == 0xFE))) {
+        littleEndian = byte[0] == 0xFF;
+        i = 2;
+    }
+    QString text;
+    for (; i + 1 < bytes.size(); i += 2) {
+        const char16_t unit = littleEndian ? char16_t(byte[i + 1] << 8 | byte[i])
+                                           : char16_t(byte[i] << 8 | byte[i + 1]);
+        if (unit == 0)
+            break;
+        text += QChar(unit);
+    }
     report(at, width, QString::fromLatin1(name), text, comment);
     return text;
 }
@@ -374,6 +404,16 @@ bool PayloadReader::Bits::flag(const char *name, int count)
     return value != 0;
 }
 
+QString PayloadReader::Bits::language(const char *name)
+{
+    const int first = used;
+    const QString letters = HeaderFields::language(quint16(skip(15)));
+    if (whole && used > first)
+        box.parser.addField(true, start + quint64(first / 8), quint8(first % 8), 15,
+                            QString::fromLatin1(name), letters, QString(), QString(), -1);
+    return letters;
+}
+
 void PayloadReader::reportBits(quint64 wordAt, int firstBit, int count, const QString &name,
                                quint64 value, const QString &comment, qint64 index)
 {
@@ -411,6 +451,13 @@ quint64 PayloadReader::listField(const QString &name, int bytes, qint64 index)
     if (read)
         parser.reportListField(at, quint64(bytes), name, number.render(value, valueBase()), index);
     return value;
+}
+
+quint32 PayloadReader::versionAndFlags(const QString &flagsComment)
+{
+    parser.boxVersion = u8("version");
+    parser.boxFlags = u24("flags", flagsComment);
+    return parser.boxFlags;
 }
 
 int PayloadReader::walkChildren()
@@ -452,6 +499,14 @@ int PayloadReader::streamOfTrack(quint32 trackId)
     const int stream = parser.beginTrack();
     parser.streams[stream]->track.emplace().trackId = trackId;
     return stream;
+}
+
+quint32 PayloadReader::typeCode() const
+{
+    unsigned char bytes[4] = {};
+    parser.input.seek(qint64(start + 4));
+    parser.input.readBytes(reinterpret_cast<char *>(bytes), 4);
+    return qFromBigEndian<quint32>(bytes);
 }
 
 QString PayloadReader::parentType() const

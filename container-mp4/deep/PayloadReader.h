@@ -77,6 +77,9 @@ public:
     // A counted text in a field of a fixed width: its first byte the length of the UTF-8 text
     // behind it, the rest of the field padding. Reported as one field of the whole width.
     QString countedText(const char *name, quint64 width, const QString &comment = QString());
+    // UTF-16 of the given width, up to its first zero character: big-endian unless a
+    // byte-order mark in front says otherwise.
+    QString utf16(const char *name, quint64 width, const QString &comment = QString());
 
     // Bytes
     // A raw field: its bytes in hex.
@@ -107,6 +110,9 @@ public:
         bool flag(const char *name, int count = 1);
         // The next count bits, not reported.
         quint64 skip(int count);
+        // The next 15 bits as a packed ISO 639-2 code, three letters of 5 bits each counted
+        // from 0x60, shown as the media header shows its language.
+        QString language(const char *name);
 
     private:
         friend class PayloadReader;
@@ -137,11 +143,21 @@ public:
     // reported as without deep analysis; the reading ends. Nothing without one.
     int parseBasic();
 
+    // The version and flags word of a box that is a full box only in some places, or whose
+    // flags take a comment, read by its parser rather than by the walker: reported as the
+    // walker reports it, and kept for version() and flags(). Returns the flags.
+    quint32 versionAndFlags(const QString &flagsComment = QString());
+    // A note on the box itself, for what no field of its payload can say.
+    void note(const QString &text) { parser.addElementNote(text); }
+
     // Surroundings
     ContainerMP4 &parser;
     quint32 version() const { return parser.boxVersion; }
     quint32 flags() const { return parser.boxFlags; }
     const QString &type() const { return parser.boxPath.last(); }
+    // The four bytes of the box's type as one big-endian number, for a type that is not
+    // text, such as the key index of a metadata item.
+    quint32 typeCode() const;
     // The type of the box around this one; empty at the top level.
     QString parentType() const;
     int valueBase() const { return parser.valueBase; }
@@ -169,7 +185,7 @@ private:
 
     ContainerMP4::BoxHandler basic;
     TableReader reader;
-    quint64 start;
+    quint64 start; // where the box's header starts: the walker holds it during the payload
     quint64 offset;
     quint64 size;
     quint64 position = 0;

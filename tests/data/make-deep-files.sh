@@ -14,6 +14,8 @@
 #   deep-edits.mp4         H.264 with B-frames and AAC, the video starting late (an empty edit)
 #   deep-cenc.mp4          H.264 and AAC protected with cenc (sinf, tenc, senc with subsamples)
 #   deep-dash.mp4          H.264 in fragments for DASH (sidx, prft, mfra with tfra and mfro)
+#   deep-metadata.mov      QuickTime: MPEG-4 Visual with a time code track (tref, gmhd, tcmi),
+#                          a chapter text track, Nero chapters (chpl) and tags by key (keys)
 set -euo pipefail
 cd "$(dirname "$0")"
 ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
@@ -47,4 +49,12 @@ ff "${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}" -map_
 # prft from the packets' times rather than the clock, so that the file does not change.
 ff "${video[@]}" "${x264[@]}" "${plain[@]}" -map_metadata -1 -movflags +dash+frag_keyframe \
     -write_prft pts deep-dash.mp4
+chapters=$(mktemp)
+trap 'rm -f "$chapters"' EXIT
+printf '%s\n' ';FFMETADATA1' title=Chaptered \
+    '[CHAPTER]' TIMEBASE=1/1000 START=0 END=600 title=One \
+    '[CHAPTER]' TIMEBASE=1/1000 START=600 END=1200 title=Two >"$chapters"
+ff "${video[@]}" -f ffmetadata -i "$chapters" -map 0 -map_metadata 1 -map_chapters 1 -c:v mpeg4 \
+    -q:v 31 "${plain[@]}" -timecode 01:00:00:00 -metadata artist=Sarvelinth \
+    -movflags use_metadata_tags deep-metadata.mov
 ls -l deep-*
