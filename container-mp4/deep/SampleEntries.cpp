@@ -153,6 +153,8 @@ void parseTimedTextFields(PayloadReader &entry, bool)
 }
 
 // The text description of QuickTime: colours of three 16-bit components and a counted name.
+// Some writers end it behind the reserved bytes, with boxes such as ftab in place of the font
+// fields.
 void parseQuickTimeTextFields(PayloadReader &entry, bool)
 {
     entry.u32("display_flags");
@@ -165,6 +167,8 @@ void parseQuickTimeTextFields(PayloadReader &entry, bool)
     entry.i16("right");
     entry.endGroup();
     entry.raw("reserved", 8);
+    if (beginsBox(entry))
+        return;
     entry.u16("font_number");
     entry.u16("font_face", QStringLiteral("1: bold, 2: italic, 4: underline"));
     entry.u8("reserved");
@@ -311,7 +315,10 @@ int parseSampleEntry(PayloadReader &entry, const QString &handler, bool first, b
             stream->codecName = QString::fromLatin1(codec->name);
         }
     }
-    // A tail too short for a box, such as padding, is shown as data.
+    // Behind the fields of a known kind, a tail too short for a box is padding, shown as its
+    // bytes.
+    if (kind.fields && entry.left() > 0 && entry.left() < 8 && entry.available() == entry.left())
+        entry.raw("padding", entry.left());
     if (!kind.boxes || entry.left() < 8) {
         entry.rest();
         return ContainerAbstract::ParseOk;

@@ -231,10 +231,12 @@ int parseEndianness(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
-// A box inside wave of no row of its own: its payload as data, and nothing for the closing
-// box, which has none.
+// A box inside wave of no row of its own. QuickTime repeats the sound format there as a box of
+// its type holding one word, 0; the closing box of eight zero bytes has no payload at all.
 int parseWaveChild(PayloadReader &box)
 {
+    if (box.left() == 4)
+        box.u32("reserved", QStringLiteral("QuickTime format box"));
     box.rest();
     return ContainerAbstract::ParseOk;
 }
