@@ -43,6 +43,17 @@ const struct {
     {"tmcd", {0, "timecode"}, true},
 };
 
+const struct {
+    quint8 objectTypeIndication;
+    Codec codec;
+} ObjectTypes[] = {
+    {0x20, {13, "MPEG-4 Visual"}}, {0x21, {28, "H.264"}},  {0x23, {174, "HEVC"}},
+    {0x40, {86018, "AAC"}},        {0x66, {86018, "AAC"}}, {0x67, {86018, "AAC"}},
+    {0x68, {86018, "AAC"}},        {0x69, {86017, "MP3"}}, {0x6B, {86017, "MP3"}},
+    {0x6C, {8, "Motion JPEG"}},    {0xA5, {86019, "AC-3"}}, {0xA6, {86056, "E-AC-3"}},
+    {0xAD, {86076, "Opus"}},
+};
+
 const Codec *find(const QString &sampleEntryType, bool deep)
 {
     for (const auto &row : Codecs) {
@@ -61,4 +72,13 @@ const Codec *codecOf(const QString &sampleEntryType)
 const Codec *deepCodecOf(const QString &sampleEntryType)
 {
     return find(sampleEntryType, true);
+}
+
+const Codec *codecOfObjectType(quint8 objectTypeIndication)
+{
+    for (const auto &row : ObjectTypes) {
+        if (row.objectTypeIndication == objectTypeIndication)
+            return &row.codec;
+    }
+    return nullptr;
 }

@@ -14,3 +14,6 @@ struct Codec {
 const Codec *codecOf(const QString &sampleEntryType);
 // The same for deep analysis, which knows the codecs of every kind of sample entry.
 const Codec *deepCodecOf(const QString &sampleEntryType);
+// The codec of an objectTypeIndication of an MPEG-4 decoder configuration, which tells the
+// codec behind an mp4a or mp4v entry more exactly; null for one not known.
+const Codec *codecOfObjectType(quint8 objectTypeIndication);

@@ -1,5 +1,7 @@
 #include "Descriptors.h"
 
+#include "Codecs.h"
+
 #include <vector>
 
 namespace {
@@ -472,6 +474,12 @@ void decoderConfigDescriptor(PayloadReader &box, quint64 end, Context context)
         return;
     context.objectType = box.peekUnsigned(1);
     box.u8("object_type_indication", nameOf(ObjectTypes, context.objectType));
+    // The object type tells the codec of an MPEG-4 entry more exactly than its type does.
+    const Codec *codec = codecOfObjectType(quint8(context.objectType));
+    if (StreamInfo *stream = box.stream(); stream && codec && box.ok()) {
+        stream->codecId = codec->id;
+        stream->codecName = QString::fromLatin1(codec->name);
+    }
     const quint64 streamType = box.peekUnsigned(1) >> 2;
     PayloadReader::Bits word = box.bits(1);
     word.field("stream_type", 6, nameOf(StreamTypes, streamType));

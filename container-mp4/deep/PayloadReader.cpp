@@ -421,25 +421,17 @@ void PayloadReader::reportBits(quint64 wordAt, int firstBit, int count, const QS
                     name, number.render(value, valueBase()), QString(), comment, index);
 }
 
-void PayloadReader::beginGroup(const QString &name, qint64 index, quint64 knownSize)
+void PayloadReader::beginGroup(const QString &name, qint64 index, quint64 size)
 {
-    if (knownSize != 0) {
-        parser.beginElement(at(), knownSize, name, index);
-        groupStarts.push_back(~quint64(0));
-        return;
-    }
-    parser.beginListEntry(name, index);
-    parser.setElementOffset(at());
-    groupStarts.push_back(at());
+    parser.beginElement(at(), size, name, index);
+    ++openGroups;
 }
 
 void PayloadReader::endGroup()
 {
-    if (groupStarts.empty())
+    if (openGroups == 0)
         return;
-    if (groupStarts.back() != ~quint64(0))
-        parser.setElementSize(at() - groupStarts.back());
-    groupStarts.pop_back();
+    --openGroups;
     parser.endElement();
 }
 
@@ -537,7 +529,13 @@ TrackFacts *PayloadReader::facts() const
 
 TrackContext *PayloadReader::track() const
 {
-    if (!stream() || !parser.deep)
+    if (!parser.deep)
         return nullptr;
-    return &parser.deep->track(int(parser.streams.size()) - 1);
+    if (stream())
+        return &parser.deep->track(int(parser.streams.size()) - 1);
+    // Inside a track fragment whose header named its track.
+    const FragmentWalk &fragment = parser.deep->fragment;
+    if (fragment.inTraf && fragment.stream >= 0)
+        return &parser.deep->track(fragment.stream);
+    return nullptr;
 }

@@ -127,9 +127,10 @@ public:
     Bits bits(int bytes);
     friend class Bits;
 
-    // Groups of fields, such as an entry of a list: an element from the current position to
-    // the position where it is ended, or of the given size where that is known up front.
-    void beginGroup(const QString &name, qint64 index = -1, quint64 knownSize = 0);
+    // Groups of fields, such as an entry of a list: an element of the given size from the
+    // current position. The size is given up front, as the text report shows it before the
+    // fields.
+    void beginGroup(const QString &name, qint64 index, quint64 size);
     void endGroup();
     // A number of a list of like fields, at its place in the list.
     quint64 listField(const QString &name, int bytes, qint64 index);
@@ -167,7 +168,8 @@ public:
     StreamInfo *stream() const;
     // The deep facts of that stream, made on first use.
     TrackFacts *facts() const;
-    // What deep analysis gathers of that track, or null outside every trak.
+    // What deep analysis gathers of that track, or of the track of the traf this box stands
+    // in; null outside both.
     TrackContext *track() const;
     // The stream of the track with the given track_ID: the one whose tkhd names it, else a
     // stream opened for it (a track known from its movie fragments only).
@@ -191,6 +193,5 @@ private:
     quint64 position = 0;
     bool whole = true;
     Render::NumberText number;
-    // Of each open group, where it starts; ~0 where its size was known up front.
-    std::vector<quint64> groupStarts;
+    int openGroups = 0;
 };

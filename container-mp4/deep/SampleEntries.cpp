@@ -136,13 +136,13 @@ void parseTimedTextFields(PayloadReader &entry, bool)
     entry.signedField(QStringLiteral("vertical_justification"), 1,
                       QStringLiteral("0: top, 1: centre, -1: bottom"));
     entry.raw("background_color_rgba", 4);
-    entry.beginGroup(QStringLiteral("default_text_box"));
+    entry.beginGroup(QStringLiteral("default_text_box"), -1, 8);
     entry.i16("top");
     entry.i16("left");
     entry.i16("bottom");
     entry.i16("right");
     entry.endGroup();
-    entry.beginGroup(QStringLiteral("default_style"));
+    entry.beginGroup(QStringLiteral("default_style"), -1, 12);
     entry.u16("start_char");
     entry.u16("end_char");
     entry.u16("font_id");
@@ -160,7 +160,7 @@ void parseQuickTimeTextFields(PayloadReader &entry, bool)
     entry.u32("display_flags");
     entry.i32("text_justification", QStringLiteral("0: left, 1: centre, -1: right"));
     entry.raw("background_color", 6, QStringLiteral("RGB"));
-    entry.beginGroup(QStringLiteral("default_text_box"));
+    entry.beginGroup(QStringLiteral("default_text_box"), -1, 8);
     entry.i16("top");
     entry.i16("left");
     entry.i16("bottom");
@@ -363,7 +363,7 @@ int parseFontTable(PayloadReader &box)
     const quint16 count = box.u16("entry_count");
     const QString font = QStringLiteral("font");
     for (quint16 i = 0; i < count && box.available() >= 3; ++i) {
-        box.beginGroup(font, i);
+        box.beginGroup(font, i, 3 + box.peekUnsigned(1, 2));
         box.u16("font_id");
         const quint8 length = box.u8("font_name_length");
         box.utf8("font_name", length);
