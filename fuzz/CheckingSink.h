@@ -191,6 +191,15 @@ public:
             next->addSample(sampleIndex, sample);
     }
 
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override
+    {
+        requireInReport("addTrackSample");
+        require(streamOpen, "sample outside a stream");
+        ++samples;
+        if (next)
+            next->addTrackSample(sampleIndex, sample);
+    }
+
     void endStream() override
     {
         requireInReport("endStream");

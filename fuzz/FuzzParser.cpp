@@ -1,5 +1,6 @@
-// libFuzzer target: the MP4 parser over an input in memory, with the sample walk, through a
-// sink that aborts on an unbalanced report or on output out of proportion to the input.
+// libFuzzer target: the MP4 parser over an input in memory, with the sample walk, basic or
+// deep, through a sink that aborts on an unbalanced report or on output out of proportion to
+// the input.
 
 #include "CheckingSink.h"
 #include "ContainerMP4.h"
@@ -23,9 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // No copy: a read past the input's end then runs into the fuzzer's own guard.
     const QByteArray input =
         QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size));
-    // The settings vary with the input's size, so that every base and the unknown-data
-    // options are exercised without taking bytes away from the file.
+    // The settings vary with the input's size, so that every base, the unknown-data options
+    // and deep analysis are exercised without taking bytes away from the file.
     ContainerAbstract::Settings settings;
+    settings.deepAnalysis = size % 2 == 0;
     settings.sizeBase = size % 5 == 0 ? 2 + int(size % 35) : 10;
     settings.valueBase = size % 3 == 0 ? 2 + int(size / 3 % 35) : 10;
     settings.showUnknownData = size % 11 != 0;

@@ -44,11 +44,15 @@ struct CheckedRun {
 };
 
 // Parses the input through a CheckingSink that records instead of aborting, passing the
-// report on to next when given.
-CheckedRun parseChecked(const QByteArray &input, ReportSink *next = nullptr)
+// report on to next when given; with deep analysis when deep is set.
+CheckedRun parseChecked(const QByteArray &input, ReportSink *next = nullptr, bool deep = false)
 {
     CheckingSink sink(CheckingSink::Record, next);
-    TestParser().parseBytes(QStringLiteral("test.mp4"), input, sink);
+    TestParser parser;
+    ContainerAbstract::Settings settings;
+    settings.deepAnalysis = deep;
+    parser.configure(settings);
+    parser.parseBytes(QStringLiteral("test.mp4"), input, sink);
     return {sink.nodes(), sink.samples, sink.maxDepth,
             sink.finished() ? sink.problem() : "the report did not end"};
 }
@@ -181,6 +185,11 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         {"ContainersNestedTenThousandDeep", deep},
         {"SizeZeroContainersNestedTenThousandDeep", header(0, "moov").repeated(10000)},
         {"ChainedContainersReachingPastTheirParents", chain},
+        // Movie fragments: a trun count far beyond its box, data offsets past the end of the
+        // file, tfhd with every flag, and a million empty moofs.
+        {"TrunCountAndDataPastTheEnd", box("moof", box("traf", fullBox("tfhd", 0, 0, u32(1)) + fullBox("trun", 1, 0xF05, words({Max, 0x7FFFFFFF, 0, 1, 2, 3, 4}))))},
+        {"TfhdWithEveryFlag", box("moof", box("traf", fullBox("tfhd", 0, 0xFFFFFF, words({1, Max, Max, 5, 6, 7, Max})) + fullBox("trun", 0, 0xFFFFFF, words({3, 0, 0, 1, 2, 3, 4}))))},
+        {"MillionEmptyMoofs", header(8, "moof").repeated(1000000)},
     };
     // clang-format on
     const QDir kept(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data/regressions"));
@@ -191,12 +200,19 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         // A balanced report of at most a few nodes per byte, however often the walk comes
         // back to a byte and whatever the counts claim; 64 levels of boxes and a couple of
         // field groups.
+        // Both with and without deep analysis.
         EXPECT_EQ(inLimitedChild([&input = input] {
-                      const CheckedRun run = parseChecked(input);
-                      const quint64 size = quint64(input.size());
-                      const bool bounded = run.nodes <= CheckingSink::nodeBound(size) &&
-                                           run.samples <= size && run.maxDepth <= 64 + 2;
-                      return bounded ? run.problem : "a report out of proportion to the input";
+                      for (const bool deep : {false, true}) {
+                          const CheckedRun run = parseChecked(input, nullptr, deep);
+                          const quint64 size = quint64(input.size());
+                          const bool bounded = run.nodes <= CheckingSink::nodeBound(size) &&
+                                               run.samples <= size && run.maxDepth <= 64 + 2;
+                          if (!bounded)
+                              return std::string("a report out of proportion to the input");
+                          if (!run.problem.empty())
+                              return run.problem;
+                      }
+                      return std::string();
                   }),
                   "")
             << name.toStdString();
@@ -205,15 +221,15 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
 
 // The sample file cut at every length: one top-level element for every box that starts
 // before the cut, at the same place, and those that end before it exactly as in the whole.
-TEST(Swept, EveryCutKeepsTheWholeBoxesBeforeIt)
+void checkEveryCut(const QByteArray &whole, bool deep)
 {
-    const QByteArray whole = readWholeFile(SARVELINTH_SOURCE_DIR "/samples/sample.mp4");
+    SCOPED_TRACE(deep ? "deep" : "basic");
     ReportTree full;
-    ASSERT_EQ(parseChecked(whole, &full).problem, "");
+    ASSERT_EQ(parseChecked(whole, &full, deep).problem, "");
     const auto &tops = full.root.children;
     for (int cut = 0; cut <= whole.size(); ++cut) {
         ReportTree report;
-        const CheckedRun run = parseChecked(whole.left(cut), &report);
+        const CheckedRun run = parseChecked(whole.left(cut), &report, deep);
         ASSERT_EQ(run.problem, "") << cut;
         size_t started = 0;
         while (started < tops.size() && tops[started]->offset < quint64(cut))
@@ -226,6 +242,13 @@ TEST(Swept, EveryCutKeepsTheWholeBoxesBeforeIt)
             }
         }
     }
+}
+
+TEST(Swept, EveryCutKeepsTheWholeBoxesBeforeIt)
+{
+    const QByteArray whole = readWholeFile(SARVELINTH_SOURCE_DIR "/samples/sample.mp4");
+    for (const bool deep : {false, true})
+        checkEveryCut(whole, deep);
 }
 
 // Where damage hurts most: the size and type of every box and every count and size field,
@@ -243,44 +266,50 @@ void collectMutationTargets(const ReportTree::Node &node, QList<QPair<int, int>>
     }
 }
 
+// Damages the targets of a file's report, with or without deep analysis, whose larger
+// vocabulary finds more of them. A damaged file may walk its bytes up to 64 times over, but
+// no count may take the report beyond the bytes that back it.
+void checkDamages(const QByteArray &whole, bool deep, std::mt19937 &random)
+{
+    SCOPED_TRACE(deep ? "deep" : "basic");
+    const quint32 specials[] = {0, 1, 7, 8, 16, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF8, Max};
+    ReportTree report;
+    const quint64 wholeNodes = parseChecked(whole, &report, deep).nodes;
+    QList<QPair<int, int>> targets;
+    collectMutationTargets(report.root, targets);
+    ASSERT_FALSE(targets.isEmpty());
+    // The generator is seeded: file, mode and round name the damage again.
+    for (int round = 0; round < 300; ++round) {
+        QByteArray input = whole;
+        for (int damages = 1 + int(random() % 3); damages > 0; --damages) {
+            const auto [offset, width] = targets[random() % targets.size()];
+            const unsigned kind = random() % 3;
+            if (kind == 0) // one byte of the field
+                input[offset + int(random() % unsigned(width))] = char(random());
+            else if (kind == 1) // the low word to a value that sizes and counts meet
+                input.replace(offset + width - 4, 4, u32(specials[random() % std::size(specials)]));
+            else // a whole 64-bit field, or the high word of a 32-bit one, to all ones
+                input.replace(offset, width, QByteArray(width, char(0xFF)));
+        }
+        const CheckedRun run = parseChecked(input, nullptr, deep);
+        ASSERT_EQ(run.problem, "") << "round " << round;
+        EXPECT_LE(run.nodes, 65 * wholeNodes + CheckingSink::nodeBound(quint64(whole.size())))
+            << round;
+        EXPECT_LE(run.samples, quint64(whole.size())) << round;
+    }
+}
+
 TEST(Swept, DamagedHeadersAndCountsGiveBoundedBalancedReports)
 {
-    const quint32 specials[] = {0, 1, 7, 8, 16, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF8, Max};
     const QDir data(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data"));
     QStringList paths = {SARVELINTH_SOURCE_DIR "/samples/sample.mp4"};
-    for (const QString &name : data.entryList({QStringLiteral("*.mp4")}, QDir::Files))
+    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
         paths << data.filePath(name);
     std::mt19937 random(20261123u);
     for (const QString &path : paths) {
         SCOPED_TRACE(path.toStdString());
-        const QByteArray whole = readWholeFile(path);
-        ReportTree report;
-        const quint64 wholeNodes = parseChecked(whole, &report).nodes;
-        QList<QPair<int, int>> targets;
-        collectMutationTargets(report.root, targets);
-        ASSERT_FALSE(targets.isEmpty());
-        // The generator is seeded: file and round name the damage again.
-        for (int round = 0; round < 400; ++round) {
-            QByteArray input = whole;
-            for (int damages = 1 + int(random() % 3); damages > 0; --damages) {
-                const auto [offset, width] = targets[random() % targets.size()];
-                const unsigned kind = random() % 3;
-                if (kind == 0) // one byte of the field
-                    input[offset + int(random() % unsigned(width))] = char(random());
-                else if (kind == 1) // the low word to a value that sizes and counts meet
-                    input.replace(offset + width - 4, 4,
-                                  u32(specials[random() % std::size(specials)]));
-                else // a whole 64-bit field, or the high word of a 32-bit one, to all ones
-                    input.replace(offset, width, QByteArray(width, char(0xFF)));
-            }
-            // A damaged file may walk its bytes up to 64 times over, but no count may take
-            // the report beyond the bytes that back it.
-            const CheckedRun run = parseChecked(input);
-            ASSERT_EQ(run.problem, "") << "round " << round;
-            EXPECT_LE(run.nodes, 65 * wholeNodes + CheckingSink::nodeBound(quint64(whole.size())))
-                << round;
-            EXPECT_LE(run.samples, quint64(whole.size())) << round;
-        }
+        for (const bool deep : {false, true})
+            checkDamages(readWholeFile(path), deep, random);
     }
 }
 } // namespace
