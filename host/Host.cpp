@@ -137,7 +137,11 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
 
     std::unique_ptr<ReportWriter> writer;
     if (options.format == Options::Format::Json)
-        writer = std::make_unique<JsonWriter>(reportOut);
+        // The document of the basic report keeps its keys as they have always been; those
+        // of deep analysis are new, and carry the annotations too.
+        writer = std::make_unique<JsonWriter>(reportOut, options.settings.deepAnalysis
+                                                             ? JsonWriter::Keys::Annotated
+                                                             : JsonWriter::Keys::Plain);
     else if (options.format == Options::Format::Html)
         writer = std::make_unique<HtmlWriter>(reportOut);
     else

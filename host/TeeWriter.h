@@ -88,6 +88,11 @@ public:
         for (ReportSink *sink : sinks)
             sink->addSample(sampleIndex, sample);
     }
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->addTrackSample(sampleIndex, sample);
+    }
     void endStream() override
     {
         for (ReportSink *sink : sinks)

@@ -838,6 +838,19 @@
     addFact('Samples', `${count} (${stream.keyCount} key frame${stream.keyCount === 1 ? '' : 's'})`);
     addFact('Sample bytes', `${stream.total} (${humanSize(stream.total)}), largest ${stream.maxSize}`);
     if (stream.byTime) addFact('Decode time', `${stream.xMin} to ${stream.xMax} (track time units)`);
+    // The facts of deep analysis.
+    const deep = stream.trackId !== undefined;
+    if (deep) {
+      addFact('Track', `${stream.trackId}, handler ${stream.handlerType || 'not known'}`);
+      addFact('Sample entry', stream.sampleEntry || 'none');
+      addFact('Time scale', stream.timescale === null ? 'not known' : `${stream.timescale} per second`);
+      addFact('Duration', `${stream.duration} (track time units)`);
+      addFact('Language', stream.language || 'not given');
+      if (stream.channelCount !== undefined) {
+        addFact('Sound', `${stream.channelCount} channel${stream.channelCount === 1 ? '' : 's'}, ${stream.sampleRate} Hz`);
+      }
+    }
+    $('samples-pane').classList.toggle('deep', deep);
     $('samples-title').textContent = `Samples of stream ${stream.index}`;
     $('sample-jump').max = Math.max(0, count - 1);
     samples.host.scrollTop = 0;
@@ -875,6 +888,12 @@
       span('num', String(sample.pts)),
       span('num', String(sample.duration)),
       span('', key ? 'key' : ''));
+    if (sample.presentationTime !== undefined) {
+      const from = sample.moof !== undefined ? `moof ${sample.moof}` : `chunk ${sample.chunk}`;
+      row.append(
+        span('num', sample.presentationTime === null ? '-' : String(sample.presentationTime)),
+        span('', from));
+    }
     if (i === stream.selected) row.classList.add('selected');
     return row;
   }

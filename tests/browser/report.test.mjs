@@ -219,6 +219,24 @@ check('a video stream shows its facts, chart and samples', async () => {
   await page.screenshot({ path: path.join(outputDir, 'report-config.png') });
 });
 
+check('deep analysis shows every track with its facts, presentation times and origins', async () => {
+  const file = path.join(outputDir, 'deep.html');
+  const movie = 'tests/data/frag-empty-moov.mp4';
+  runTool(['--deep', '--format', 'html', '-o', file, movie]);
+  const deep = JSON.parse(runTool(['--deep', '--format', 'json', movie]).toString());
+  await open(file);
+  const sound = deep.streams.find((s) => s.handlerType === 'soun');
+  await page.locator('#tabs button', { hasText: `Stream ${sound.index}:` }).click();
+  const facts = await page.locator('#stream-facts').innerText();
+  assert.match(facts, new RegExp(`Sound\\s+${sound.channelCount} channels, ${sound.sampleRate} Hz`));
+  assert.match(facts, /Sample entry\s+mp4a/);
+  const first = await page.locator('#samples .srow').first().locator('span').allInnerTexts();
+  const sample = sound.samples[0];
+  const presented = sample.presentationTime === null ? '-' : String(sample.presentationTime);
+  assert.deepEqual(first.slice(-2), [presented, `moof ${sample.moof}`]);
+  await page.screenshot({ path: path.join(outputDir, 'report-deep.png') });
+});
+
 check('hostile names are shown as text', async () => {
   const hostile = structuredClone(embedded);
   const names = ['</script><img src=x onerror=alert(1)>', '<!--<script>', '\u2028"\'&'];
