@@ -8,8 +8,9 @@ SARVELINTH_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # What building and running needs.
 BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev libgtest-dev libgmock-dev libbenchmark-dev
     pkg-config)
-# What the tests need on top: FFmpeg makes test files, clang builds the fuzz target.
-TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev)
+# What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
+# python3 checks the JSON documents against their schema.
+TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev python3 python3-jsonschema)
 
 # ensure_packages PACKAGE...: installs those not installed yet, with apt-get as root.
 ensure_packages() {
