@@ -30,6 +30,7 @@ done
 commands=(
     "sarvelinth json|$tool --format json"
     "sarvelinth text|$tool"
+    "sarvelinth deep|$tool --format json --deep"
     "ffprobe packets|ffprobe -v error -show_packets -select_streams v -of json"
 )
 command -v mediainfo >/dev/null && commands+=("mediainfo full|mediainfo --Full")
