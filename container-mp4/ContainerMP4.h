@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ContainerAbstract.h"
+#include "samples/TrackContext.h"
 
 #include <QHash>
 #include <QIODevice>
@@ -30,6 +31,22 @@ public:
 protected:
     using BoxHandler = int (ContainerMP4::*)(quint64 offset, quint64 size);
 
+    // The boxes whose place the walk notes, to read them again at the end: the movie header,
+    // and in a track the boxes that tell its samples and their timing.
+    enum class NotedBox {
+        None,
+        MovieHeader,
+        TrackHeader,
+        MediaHeader,
+        EditList,
+        TimeToSample,
+        SampleToChunk,
+        SampleSizes,
+        ChunkOffsets,
+        ChunkOffsets64,
+        SyncSamples,
+    };
+
     // One row of the box table: what the walker does with a box of one type.
     class SARVELINTH_MP4_EXPORT ElementMP4 : public ContainerAbstract::CommonElement {
     public:
@@ -49,6 +66,8 @@ protected:
         // The payload parser of a row of the deep vocabulary. It runs in place of handler,
         // which it may call in turn: the basic parser of its type, if there is one.
         DeepParser deepParser = nullptr;
+        // Whether the walk notes where a box of this type lies.
+        NotedBox noted = NotedBox::None;
     };
 
     // Values of ElementMP4::elementType; only Container changes what the walker does.
@@ -129,6 +148,13 @@ private:
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.
     QVector<QString> boxPath;
+    // Notes where a box lies, for the movie or the track of the innermost trak being walked.
+    void noteBox(NotedBox kind, quint64 payload, quint64 size);
+    // The trak boxes being walked, one inside the other.
+    int openTrakBoxes = 0;
+    // What the walk notes of each stream's track, by stream index.
+    std::vector<TrackContext> trackContexts;
+    TableBox movieHeader;
     // What deep analysis gathers while the boxes are walked; null without deep analysis.
     std::unique_ptr<DeepAnalysis> deep;
 

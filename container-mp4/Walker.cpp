@@ -121,7 +121,9 @@ int ContainerMP4::parseElement(quint64 *size)
             // A track opens its stream before its boxes are walked and learns after them
             // whether its samples are wanted.
             const int stream = row.opensStream ? beginTrack() : -1;
+            openTrakBoxes += row.opensStream ? 1 : 0;
             result = walkChildren(payload, endOf(start, totalSize));
+            openTrakBoxes -= row.opensStream ? 1 : 0;
             if (row.opensStream)
                 endTrack(stream);
         } else if (row.deepParser) {
@@ -132,6 +134,7 @@ int ContainerMP4::parseElement(quint64 *size)
         } else {
             reportPayload(payload, remaining, "data");
         }
+        noteBox(row.noted, payload, remaining);
         if (!row.description.isEmpty())
             addElementNote(row.description);
     }

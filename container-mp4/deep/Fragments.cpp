@@ -240,7 +240,8 @@ int parseTrackRun(PayloadReader &box)
     run.origin.traf = walk.trafCount;
     run.origin.trun = walk.trunCount++;
     walk.dataEnd = run.dataOffset + dataSize;
-    box.deep()->track(walk.stream).runs.push_back(run);
+    if (TrackContext *track = box.track())
+        track->runs.push_back(run);
     return ContainerAbstract::ParseOk;
 }
 

@@ -39,7 +39,7 @@ int parseCompactSampleSizes(PayloadReader &box)
     const quint32 count = box.u32("sample_count");
     if (TrackContext *track = box.track()) {
         track->sampleSizes = table;
-        track->compactFieldSize = fieldSize;
+        track->compactSampleSizes = true;
     }
     const QString entrySize = QStringLiteral("entry_size");
     if (fieldSize == 4) {
