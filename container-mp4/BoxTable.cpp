@@ -18,7 +18,7 @@ void ContainerMP4::buildBoxTable()
         {"iods", PlainBox, 1, nullptr},
         {"moov", ContainerBox, 0, nullptr},
         {"mvhd", PlainBox, 1, &ContainerMP4::parseBoxMVHD, false, NotedBox::MovieHeader},
-        {"mdat", PlainBox, 0, &ContainerMP4::parseBoxMDAT},
+        {"mdat", PlainBox, 0, &ContainerMP4::parseBoxMDAT, false, NotedBox::MediaData},
         {"meta", ContainerBox, 1, nullptr},
         {"skip", PlainBox, 0, &ContainerMP4::parseJunk},
         {"udta", ContainerBox, 0, nullptr},

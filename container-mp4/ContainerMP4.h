@@ -36,6 +36,7 @@ protected:
     enum class NotedBox {
         None,
         MovieHeader,
+        MediaData,
         TrackHeader,
         MediaHeader,
         EditList,
@@ -148,6 +149,38 @@ private:
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.
     QVector<QString> boxPath;
+    // Of each of those, its place among the siblings of its type, from 0.
+    QVector<int> boxIndexes;
+    // For each level being walked, the siblings seen so far by type; where each level ends.
+    std::vector<std::vector<std::pair<QString, int>>> siblingCounts;
+    std::vector<quint64> levelEnds;
+    // The offset of the first top-level box of each type.
+    QHash<QString, quint64> firstTopLevel;
+    // The place of the next box of a type among its siblings, counted.
+    int siblingIndex(const QString &type);
+    // The path of the box being walked, such as "moov/trak[1]/mdia": each box with its place
+    // among its siblings of the same type where it is not the first.
+    QString pathText() const;
+
+    // Checks (checks/): the problems a box shows on the walk, reported to the checks.
+    struct BoxHeader {
+        quint64 start;
+        quint64 declaredSize;
+        quint64 totalSize;
+        quint64 headerSize;
+        quint64 parentEnd;
+        bool known;
+        bool invalidSize;
+        bool tooDeep;
+    };
+    void noteProblem(const char *code, Severity severity, quint64 offset, quint64 size,
+                     const QString &message, const QString &path);
+    void checkBox(const BoxHeader &box);
+    void checkPayload(int result, quint64 start, quint64 size, quint64 payloadSize);
+    void checkWorkBudget(quint64 start, quint64 size);
+    void checkTrack(int stream, quint64 start, quint64 size);
+    // The checks of the tables and headers of every track, and of the file's top level.
+    void checkTracks();
     // Notes where a box lies, for the movie or the track of the innermost trak being walked.
     void noteBox(NotedBox kind, quint64 payload, quint64 size);
     // The trak boxes being walked, one inside the other.
@@ -155,6 +188,7 @@ private:
     // What the walk notes of each stream's track, by stream index.
     std::vector<TrackContext> trackContexts;
     TableBox movieHeader;
+    std::vector<TableBox> mediaDataBoxes; // the payloads of mdat
     // What deep analysis gathers while the boxes are walked; null without deep analysis.
     std::unique_ptr<DeepAnalysis> deep;
 

@@ -30,6 +30,7 @@ struct FragmentWalk {
 class DeepAnalysis {
 public:
     quint64 moofCount = 0;
+    std::optional<quint32> lastSequenceNumber; // of the last mfhd
     // From trex, by track_ID.
     std::map<quint32, SampleDefaults> trackDefaults;
     FragmentWalk fragment;

@@ -472,6 +472,11 @@ int PayloadReader::walkChildrenOf(const QString &parentType)
     return result;
 }
 
+void PayloadReader::problem(const char *code, Severity severity, const QString &message)
+{
+    parser.noteProblem(code, severity, start, end() - start, message, parser.pathText());
+}
+
 int PayloadReader::parseBasic()
 {
     position = size;

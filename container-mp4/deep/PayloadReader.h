@@ -132,6 +132,9 @@ public:
     // fields.
     void beginGroup(const QString &name, qint64 index, quint64 size);
     void endGroup();
+    // A problem of this box, for the checks.
+    void problem(const char *code, Severity severity, const QString &message);
+
     // A number of a list of like fields, at its place in the list.
     quint64 listField(const QString &name, int bytes, qint64 index);
 
@@ -161,6 +164,8 @@ public:
     quint32 typeCode() const;
     // The type of the box around this one; empty at the top level.
     QString parentType() const;
+    // The path of this box, such as "moov/trak[1]/mdia".
+    QString path() const { return parser.pathText(); }
     int valueBase() const { return parser.valueBase; }
     // What deep analysis gathers of the file.
     DeepAnalysis *deep() const { return parser.deep.get(); }

@@ -225,6 +225,11 @@ struct TrackWalk {
     const EditMap &edits;
     quint64 &samplesLeft; // of all tracks together
     std::function<void(quint64 index, const TrackSample &sample)> report;
+    // The checks of the runs: their decoding times and where their data lies.
+    std::function<void(const char *code, Severity severity, const FragmentRun &run,
+                       const QString &message)>
+        problem;
+    const std::vector<TableBox> &mediaData; // the payloads of mdat, in file order
     quint64 index = 0;
     qint64 dts = 0; // of the next sample
 
@@ -284,12 +289,40 @@ struct TrackWalk {
         }
     }
 
+    // A run whose tfdt does not go on from the samples before it leaves a gap in the track's
+    // time or goes back in it; a run whose data is not inside the payload of an mdat points
+    // at something other than media.
+    void checkRun(const FragmentRun &run)
+    {
+        if (run.baseMediaDecodeTime && index > 0 && qint64(*run.baseMediaDecodeTime) != dts)
+            problem("tfdt-discontinuity", Severity::Warning, run,
+                    QStringLiteral("tfdt gives the run a decoding time of %1, where the samples "
+                                   "before it end at %2")
+                        .arg(*run.baseMediaDecodeTime)
+                        .arg(dts));
+        if (run.dataSize == 0 || mediaData.empty())
+            return;
+        const quint64 end = run.dataOffset + run.dataSize;
+        const auto inside =
+            std::find_if(mediaData.begin(), mediaData.end(), [&](const TableBox &box) {
+                return run.dataOffset >= box.offset && end >= run.dataOffset &&
+                       end <= box.offset + box.size;
+            });
+        if (inside == mediaData.end())
+            problem("trun-data-past-mdat", Severity::Error, run,
+                    QStringLiteral("the run's %1 bytes of data at offset %2 do not lie inside the "
+                                   "payload of an mdat box")
+                        .arg(run.dataSize)
+                        .arg(run.dataOffset));
+    }
+
     // The samples of the movie fragments, run after run, in file order. A run that follows a
     // tfdt starts at its decoding time; any other goes on from the sample before it.
     void walkFragments()
     {
         TrackSample sample;
         for (const FragmentRun &run : track.runs) {
+            checkRun(run);
             if (run.baseMediaDecodeTime)
                 dts = qint64(*run.baseMediaDecodeTime);
             const bool hasDuration = run.flags & 0x100;
@@ -297,8 +330,9 @@ struct TrackWalk {
             const bool hasFlags = run.flags & 0x400;
             const bool hasOffset = run.flags & 0x800;
             const quint64 entrySize = 4 * quint64(hasDuration + hasSize + hasFlags + hasOffset);
-            TableCursor entries(input, TableBox{run.entries, entrySize * run.sampleCount, 0, true},
-                                0, entrySize);
+            TableCursor entries(
+                input, TableBox{run.entries, entrySize * run.sampleCount, 0, true, QString()}, 0,
+                entrySize);
             sample.offset = run.dataOffset;
             sample.fragment = run.origin;
             for (quint32 i = 0; i < run.sampleCount && samplesLeft > 0; ++i) {
@@ -350,10 +384,18 @@ void ContainerMP4::walkTrackSamples()
         facts.duration = TrackBoxes::duration(input, track.mediaHeader);
         facts.language = TrackBoxes::language(input, track.mediaHeader);
         const EditMap edits(input, track, movieTimescale, facts.timescale);
-        TrackWalk walk{input, track, edits, samplesLeft,
+        TrackWalk walk{input,
+                       track,
+                       edits,
+                       samplesLeft,
                        [this, stream](quint64 index, const TrackSample &sample) {
                            reportTrackSample(stream, index, sample);
-                       }};
+                       },
+                       [this](const char *code, Severity severity, const FragmentRun &run,
+                              const QString &message) {
+                           noteProblem(code, severity, run.origin.moofOffset, 0, message, run.path);
+                       },
+                       mediaDataBoxes};
         walk.walkTables();
         walk.walkFragments();
     }

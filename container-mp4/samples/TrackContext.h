@@ -16,6 +16,7 @@ struct TableBox {
     quint64 size = 0;
     quint32 version = 0;
     bool present = false;
+    QString path; // of the box, for the problems the checks find in it
 };
 
 // The defaults of a track's samples in movie fragments: those of trex, which those of tfhd
@@ -30,6 +31,7 @@ struct SampleDefaults {
 // One run of samples of a movie fragment (trun): its entries stay in the file and are read
 // again at the end.
 struct FragmentRun {
+    QString path;            // of its trun
     quint64 entries = 0;     // file position of its first entry
     quint32 sampleCount = 0; // the entries that lie whole inside the box and the input
     quint32 flags = 0;       // the trun's flags, which say the fields of an entry
@@ -39,6 +41,7 @@ struct FragmentRun {
     std::optional<quint32> firstSampleFlags;
     // From tfdt, for the first run of a traf: the decoding time of its first sample.
     std::optional<quint64> baseMediaDecodeTime;
+    quint64 dataSize = 0;  // the bytes of its samples' data
     FragmentOrigin origin; // trunEntry unused
 };
 
@@ -58,6 +61,8 @@ struct TrackContext {
     quint32 chunkOffsetWidth = 4;    // bytes per entry: 4 for stco, 8 for co64
     TableBox syncSamples;            // stss
     int perSampleIvSize = -1;      // tenc: the IV bytes of each protected sample; -1 while unknown
+    quint32 requiredBoxesSeen = 0; // for the checks: the boxes every track needs that it has
+    bool hasCompositionOffsets = false; // a ctts box, read or not
     std::vector<FragmentRun> runs; // of its movie fragments, in file order
 };
 

@@ -15,6 +15,7 @@ int ContainerMP4::beginTrack()
         (this->*list).append(nullptr);
     syncTableSeen.append(false);
     trackContexts.emplace_back();
+    streams[stream]->boxPath = pathText();
     currentTrackType = OtherTrack;
     return stream;
 }
@@ -27,10 +28,14 @@ void ContainerMP4::endTrack(int stream)
 
 void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
 {
-    const TableBox box{payload, size, boxVersion, true};
+    if (kind == NotedBox::None)
+        return;
+    const TableBox box{payload, size, boxVersion, true, pathText()};
     if (kind == NotedBox::MovieHeader)
         movieHeader = box;
-    if (kind == NotedBox::None || kind == NotedBox::MovieHeader || openTrakBoxes == 0)
+    if (kind == NotedBox::MediaData)
+        mediaDataBoxes.push_back(box);
+    if (kind == NotedBox::MovieHeader || kind == NotedBox::MediaData || openTrakBoxes == 0)
         return;
     TrackContext &track = trackContexts.back();
     switch (kind) {
@@ -63,6 +68,7 @@ void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
         break;
     case NotedBox::None:
     case NotedBox::MovieHeader:
+    case NotedBox::MediaData:
         break;
     }
 }
