@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <queue>
 
 namespace {
 // Sorts ranges and merges those that touch or overlap, so that each byte is in one of them.
@@ -147,6 +148,7 @@ void ProblemChecker::beginStream(int index, const StreamInfo &info)
     streamPath = info.boxPath;
     streamPaths.resize(std::max(streamPaths.size(), size_t(index) + 1));
     streamPaths[size_t(index)] = info.boxPath;
+    runStarts.push_back(samples.size());
     zeroSize = pastEnd = outsideMediaData = Tally();
     next.beginStream(index, info);
 }
@@ -187,6 +189,8 @@ void ProblemChecker::checkSample(quint64 sampleIndex, quint64 offset, quint64 si
     }
     if (offset < fileSize) {
         const quint64 inFile = std::min(end, fileSize) - offset;
+        if (samples.size() > runStarts.back() && offset < samples.back().offset)
+            runsInOrder = false;
         samples.push_back(
             {offset, quint32(std::min<quint64>(inFile, 0xFFFFFFFF)), quint32(streamIndex)});
     }
@@ -243,8 +247,15 @@ void ProblemChecker::addProblem(const Problem &problem)
 
 Coverage ProblemChecker::finishSamples()
 {
-    std::sort(samples.begin(), samples.end(),
-              [](const SampleRange &a, const SampleRange &b) { return a.offset < b.offset; });
+    // The samples of a stream mostly come in the order of their offsets: the streams are then
+    // merged as they are, else sorted first.
+    const auto byOffset = [](const SampleRange &a, const SampleRange &b) {
+        return a.offset < b.offset;
+    };
+    if (!runsInOrder) {
+        std::sort(samples.begin(), samples.end(), byOffset);
+        runStarts = {0};
+    }
 
     // Each byte counts once, for the first of these that holds it.
     const std::vector<Range> bytesTrailing = united(trailing);
@@ -278,7 +289,23 @@ Coverage ProblemChecker::finishSamples()
             sampleBytes += std::min(merged.end, bytesMedia[m].end) -
                            std::max(merged.begin, bytesMedia[m].begin);
     };
-    for (const SampleRange &sample : samples) {
+    // Each run's next sample, the one of the least offset on top.
+    using Cursor = std::pair<size_t, size_t>; // position, end of its run
+    const auto later = [&](const Cursor &a, const Cursor &b) {
+        return samples[a.first].offset > samples[b.first].offset;
+    };
+    std::priority_queue<Cursor, std::vector<Cursor>, decltype(later)> next(later);
+    for (size_t run = 0; run < runStarts.size(); ++run) {
+        const size_t end = run + 1 < runStarts.size() ? runStarts[run + 1] : samples.size();
+        if (runStarts[run] < end)
+            next.push({runStarts[run], end});
+    }
+    while (!next.empty()) {
+        Cursor cursor = next.top();
+        next.pop();
+        const SampleRange &sample = samples[cursor.first];
+        if (++cursor.first < cursor.second)
+            next.push(cursor);
         const quint64 end = sample.offset + sample.size;
         if (reachest && sample.offset < reachest->offset + reachest->size) {
             if (overlaps++ == 0) {

@@ -81,6 +81,10 @@ private:
     std::vector<Range> openElements;
     std::vector<Range> mediaData, filler, unknown, trailing;
     std::deque<SampleRange> samples;
+    // Where the samples of each stream begin among them, and whether each stream's come in the
+    // order of their offsets.
+    std::vector<size_t> runStarts{0};
+    bool runsInOrder = true;
     // Of the open stream.
     int streamIndex = 0;
     QString streamPath;
