@@ -226,6 +226,11 @@ void ProblemChecker::endStream()
 
 void ProblemChecker::addProblem(const Problem &problem)
 {
+    // A box that the walk comes back to, reaching past its parent, shows its problems again.
+    if (problems.size() < MaxProblems &&
+        !reported.insert({problem.code, int(problem.severity), problem.offset, problem.size})
+             .second)
+        return;
     switch (problem.severity) {
     case Severity::Error:
         ++problemCounts.errors;

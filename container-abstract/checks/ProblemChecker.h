@@ -6,6 +6,8 @@
 
 #include <deque>
 #include <map>
+#include <set>
+#include <tuple>
 #include <vector>
 
 // The checks a report allows by itself, whatever the format of its file: samples whose bytes
@@ -93,6 +95,8 @@ private:
     std::vector<QString> streamPaths; // by stream index
 
     std::vector<Problem> problems;
+    // Of each problem kept: its code, severity, offset and size.
+    std::set<std::tuple<QString, int, quint64, quint64>> reported;
     std::map<QString, quint64> leftOut; // problems beyond MaxProblems, by code
     ProblemCounts problemCounts;
 };
