@@ -158,6 +158,11 @@ private:
     QHash<QString, quint64> firstTopLevel;
     // The place of the next box of a type among its siblings, counted.
     int siblingIndex(const QString &type);
+    // A new level of siblings begins below the box being walked.
+    void beginSiblings();
+    // The path and the sibling places move together, into a box and out of it.
+    void enterBox(const QString &type);
+    void leaveBox();
     // The path of the box being walked, such as "moov/trak[1]/mdia": each box with its place
     // among its siblings of the same type where it is not the first.
     QString pathText() const;

@@ -77,8 +77,7 @@ int ContainerMP4::parseElement(quint64 *size)
 
     ++depth;
     const quint64 parentEnd = levelEnds.empty() ? inputSize : levelEnds.back();
-    boxIndexes.append(siblingIndex(type));
-    boxPath.append(type);
+    enterBox(type);
     beginElement(start, totalSize, type, -1);
     *size = totalSize;
     checkBox({start, declaredSize, totalSize, headerSize, parentEnd, known, invalidSize, tooDeep});
@@ -147,8 +146,7 @@ int ContainerMP4::parseElement(quint64 *size)
     }
 
     endElement();
-    boxPath.removeLast();
-    boxIndexes.removeLast();
+    leaveBox();
     --depth;
     currentOffset = start;
     input.seek(qint64(start));
@@ -169,8 +167,7 @@ int ContainerMP4::walkChildren(quint64 begin, quint64 end)
     int result = ParseOk;
     quint64 position = begin;
     // The children count their siblings of each type from here, and reach to end.
-    siblingCounts.resize(size_t(boxPath.size()) + 1);
-    siblingCounts[size_t(boxPath.size())].clear();
+    beginSiblings();
     levelEnds.push_back(end);
     while (position < end && position < inputEnd && !walkStopped) {
         currentOffset = position;
@@ -195,6 +192,24 @@ int ContainerMP4::siblingIndex(const QString &type)
     }
     counts.push_back({type, 1});
     return 0;
+}
+
+void ContainerMP4::beginSiblings()
+{
+    siblingCounts.resize(size_t(boxPath.size()) + 1);
+    siblingCounts[size_t(boxPath.size())].clear();
+}
+
+void ContainerMP4::enterBox(const QString &type)
+{
+    boxIndexes.append(siblingIndex(type));
+    boxPath.append(type);
+}
+
+void ContainerMP4::leaveBox()
+{
+    boxPath.removeLast();
+    boxIndexes.removeLast();
 }
 
 QString ContainerMP4::pathText() const

@@ -466,9 +466,9 @@ int PayloadReader::walkChildren()
 
 int PayloadReader::walkChildrenOf(const QString &parentType)
 {
-    parser.boxPath.append(parentType);
+    parser.enterBox(parentType);
     const int result = walkChildren();
-    parser.boxPath.removeLast();
+    parser.leaveBox();
     return result;
 }
 

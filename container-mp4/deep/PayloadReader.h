@@ -143,6 +143,8 @@ public:
     // The same for the children of a box that the walker does not walk itself, such as a
     // sample entry: the children see a box of parentType as their parent.
     int walkChildrenOf(const QString &parentType);
+    // Boxes walked with walkChildrenOf from here on are siblings, counted from the first.
+    void beginSiblings() { parser.beginSiblings(); }
     // Runs the basic parser of the box's type over the whole payload, so that the box is
     // reported as without deep analysis; the reading ends. Nothing without one.
     int parseBasic();
