@@ -292,11 +292,15 @@ def summary_text(summary):
 def start_client(arguments):
     """A client of the cluster named by --scheduler, or of a new local one: one worker
     process per core with one thread each, reachable from this machine only."""
+    import dask
     from distributed import Client, LocalCluster
 
     if arguments.scheduler:
         client = Client(arguments.scheduler, timeout="30s")
     else:
+        # The workers' statistical profiler takes the interpreter lock a hundred times a
+        # second, which the thread reading the tool's output then waits for.
+        dask.config.set({"distributed.worker.profile.enabled": False})
         cluster = LocalCluster(n_workers=arguments.workers, threads_per_worker=1,
                                processes=True, host="127.0.0.1", dashboard_address=None,
                                silence_logs=logging.ERROR)

@@ -33,6 +33,8 @@ EXIT_OK, EXIT_FILE_FAILED, EXIT_NOT_TAKEN, EXIT_ERRORS = 0, 1, 3, 4
 
 SEVERITIES = ("error", "warning", "info")
 
+PIPE_SIZE = 1 << 20
+
 _SAMPLES = re.compile(rb'"samples":\[[^\]]*\]')
 _ELEMENT = b'{"kind":"element","name":"'
 
@@ -68,8 +70,10 @@ def check_chunk(tool, files, deep=False, timeout=60.0, memory_limit=0, reports=N
 def run_tool(command, timeout):
     """Runs the tool and collects its lines. Returns (lines, failure, detail): failure is
     None, TIMEOUT or CRASHED for the file after the last line, detail the message."""
+    # A report of a small file is some 50 KB: a pipe of 1 MiB takes many of them at once,
+    # where the usual 64 KiB would make the tool wait for the reader every file.
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL)
+                               stderr=subprocess.DEVNULL, pipesize=PIPE_SIZE)
     lines, partial = [], []
     descriptor = process.stdout.fileno()
     deadline = time.monotonic() + timeout
