@@ -104,8 +104,8 @@ def parse_arguments(argv):
                              "see the files and the tool at the same paths")
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1, metavar="N",
                         help="workers of the local cluster (default: one per core)")
-    parser.add_argument("--chunk-files", type=int, default=500, metavar="N",
-                        help="files per run of the tool (default 500)")
+    parser.add_argument("--chunk-files", type=int, default=1000, metavar="N",
+                        help="files per run of the tool (default 1000)")
     parser.add_argument("--chunk-bytes", type=parse_size, default=parse_size("1G"),
                         metavar="SIZE", help="bytes per run of the tool (default 1G)")
     parser.add_argument("--tool", default=DEFAULT_TOOL, metavar="PATH",
@@ -309,20 +309,39 @@ def start_client(arguments):
     return client
 
 
+class RunFailed(Exception):
+    pass
+
+
 class Run:
     """Sends the chunks to the cluster, at most a few per worker at a time so that a
     stop loses little, and writes the rows of each chunk as it comes back."""
 
-    def __init__(self, arguments, client, output, rows, progress):
+    def __init__(self, arguments, output, rows, progress):
         self.arguments = arguments
-        self.client = client
+        self.client = None
         self.output = output
         self.rows = rows
         self.progress = progress
         self.chunks = {}
-        self.limit = 3 * max(len(client.scheduler_info()["workers"]), 1)
+        self.limit = 0
+
+    def start(self):
+        """Starts the cluster when the first chunk is ready: a rerun with nothing left to
+        do starts none."""
+        self.client = start_client(self.arguments)
+        self.limit = 3 * max(len(self.client.scheduler_info()["workers"]), 1)
+
+    def close(self):
+        if self.client is not None:
+            cluster = self.client.cluster
+            self.client.close()
+            if cluster is not None:
+                cluster.close()
 
     def submit(self, files):
+        if self.client is None:
+            self.start()
         arguments = self.arguments
         future = self.client.submit(
             chunk.check_chunk, arguments.tool, files, arguments.deep, arguments.timeout,
@@ -340,10 +359,16 @@ class Run:
 
     def collect(self, future):
         """Writes the rows of a finished chunk. A chunk whose worker died again and again
-        is split in two and sent again; a single file that does it gets a crashed row."""
+        is split in two and sent again; a single file that does it gets a crashed row.
+        Any other failure (the tool missing on a worker) would fail every chunk alike, so
+        it ends the run."""
+        from distributed.scheduler import KilledWorker
+
         files = self.chunks.pop(future)
         if future.status == "finished":
             self.write(future.result())
+        elif not isinstance(future.exception(), KilledWorker):
+            raise RunFailed("a chunk failed on its worker: %r" % future.exception())
         elif len(files) > 1:
             half = len(files) // 2
             self.submit(files[:half])
@@ -358,7 +383,7 @@ class Run:
 
         ended = False
         while not ended or self.chunks:
-            while not ended and len(self.chunks) < self.limit:
+            while not ended and (self.client is None or len(self.chunks) < self.limit):
                 try:
                     item = items.get(timeout=0 if self.chunks else 0.5)
                 except queue.Empty:
@@ -404,19 +429,16 @@ def main(argv=None):
                                   daemon=True)
         with open(arguments.output, "ab") as output:
             walker.start()
-            client = start_client(arguments)
+            run = Run(arguments, output, rows, progress)
             try:
-                Run(arguments, client, output, rows, progress).run(items, found, walker)
+                run.run(items, found, walker)
             finally:
-                cluster = client.cluster
-                client.close()
-                if cluster is not None:
-                    cluster.close()
+                run.close()
         progress.show(found[0], False, final=True)
     except KeyboardInterrupt:
         sys.stderr.write("\nbatch: interrupted; run again with the same --output to resume\n")
         return EXIT_INTERRUPTED
-    except (OSError, SystemExit) as error:
+    except (OSError, RunFailed, SystemExit) as error:
         sys.stderr.write("%s\n" % (error if isinstance(error, SystemExit) else
                                    "batch: %s" % error))
         return EXIT_RUN_FAILED

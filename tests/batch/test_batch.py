@@ -82,7 +82,7 @@ def test_every_file_gets_one_row(tool, tree, tmp_path):
 def test_a_killed_run_resumes_with_the_same_rows(tool, tree, tmp_path):
     top, extra, expected = tree
     output = tmp_path / "rows.jsonl"
-    process = start_batch(tool, output, "--chunk-files", "20", top, *extra)
+    process = start_batch(tool, output, "--chunk-files", "50", top, *extra)
     try:
         written = wait_for_rows(output, 300, process)
         process.send_signal(signal.SIGKILL)
@@ -120,7 +120,7 @@ def worker_processes(driver):
 def test_a_killed_worker_changes_no_row(tool, tree, tmp_path):
     top, extra, expected = tree
     output = tmp_path / "rows.jsonl"
-    process = start_batch(tool, output, "--chunk-files", "20", top, *extra)
+    process = start_batch(tool, output, "--chunk-files", "50", top, *extra)
     try:
         written = wait_for_rows(output, 300, process)
         workers = worker_processes(process.pid)
