@@ -18,11 +18,11 @@ import gzip
 import hashlib
 import json
 import os
+import queue
 import re
-import selectors
 import signal
 import subprocess
-import time
+import threading
 
 # Statuses of a row; see README.md, "Checking an archive".
 OK, PROBLEMS, NOT_MP4, UNREADABLE, TIMEOUT, CRASHED = (
@@ -73,38 +73,43 @@ def run_tool(command, timeout):
     # A report of a small file is some 50 KB: a pipe of 1 MiB takes many of them at once,
     # where the usual 64 KiB would make the tool wait for the reader every file.
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL, pipesize=PIPE_SIZE)
-    lines, partial = [], []
-    descriptor = process.stdout.fileno()
-    deadline = time.monotonic() + timeout
-    with selectors.DefaultSelector() as selector:
-        selector.register(descriptor, selectors.EVENT_READ)
-        while True:
-            remaining = deadline - time.monotonic()
-            if remaining <= 0 or not selector.select(remaining):
-                process.kill()
-                process.wait()
-                process.stdout.close()
-                return lines, TIMEOUT, "no report within %g s" % timeout
-            data = os.read(descriptor, 1 << 20)
-            if not data:
-                break
-            start = 0
-            end = data.find(b"\n")
-            while end >= 0:
-                partial.append(data[start:end])
-                lines.append(b"".join(partial))
-                partial = []
-                deadline = time.monotonic() + timeout
-                start = end + 1
-                end = data.find(b"\n", start)
-            if start < len(data):
-                partial.append(data[start:])
-    process.stdout.close()
+                               stderr=subprocess.DEVNULL, pipesize=PIPE_SIZE,
+                               bufsize=PIPE_SIZE)
+    # A thread reads the lines with the buffered reader's own loop, which costs far less
+    # than waking up in Python for every piece the tool writes; this one waits for them
+    # with the time limit.
+    incoming = queue.SimpleQueue()
+    reader = threading.Thread(target=read_lines, args=(process.stdout, incoming), daemon=True)
+    reader.start()
+    lines = []
+    failure = None
+    while True:
+        try:
+            line = incoming.get(timeout=timeout)
+        except queue.Empty:
+            process.kill()
+            failure = TIMEOUT
+            break
+        if line is None:
+            break
+        lines.append(line)
     status = process.wait()
+    reader.join()
+    process.stdout.close()
+    if failure:
+        return lines, failure, "no report within %g s" % timeout
     if status in (EXIT_OK, EXIT_FILE_FAILED, EXIT_NOT_TAKEN, EXIT_ERRORS):
         return lines, None, ""
     return lines, CRASHED, exit_text(status)
+
+
+def read_lines(stream, out):
+    """Puts each whole line of stream on out, without its line feed, then None. A line
+    cut short by the tool's end is not one."""
+    for line in stream:
+        if line.endswith(b"\n"):
+            out.put(line[:-1])
+    out.put(None)
 
 
 def exit_text(status):
@@ -137,7 +142,6 @@ def report_row(entry, line, reports):
     streams_at = line.find(b',"streams":[', elements_at)
     problems_at = line.rfind(b',"problems":[')
     coverage_at = line.rfind(b',"coverage":')
-    elements = line[elements_at:streams_at]
     problems = json.loads(line[problems_at + 12:coverage_at]) if problems_at >= 0 else []
     counts = dict.fromkeys(SEVERITIES, 0)
     codes = []
@@ -149,8 +153,10 @@ def report_row(entry, line, reports):
     row = base_row(entry)
     row.update(status=PROBLEMS if counts["error"] or counts["warning"] else OK,
                exit=EXIT_ERRORS if counts["error"] else EXIT_OK,
-               brand=field_value(_MAJOR_BRAND, elements), duration=movie_duration(elements),
-               streams=stream_entries(line[streams_at + 11:problems_at], elements),
+               brand=field_value(_MAJOR_BRAND, line, elements_at, streams_at),
+               duration=movie_duration(line, elements_at, streams_at),
+               streams=stream_entries(line[streams_at + 11:problems_at],
+                                      track_handlers(line, elements_at, streams_at)),
                problems=counts, codes=codes)
     if reports:
         row["report"] = keep_report(reports, entry[0], line)
@@ -168,31 +174,36 @@ def error_row(entry, message):
     return row
 
 
-def field_value(pattern, text, start=0, end=None):
-    match = pattern.search(text, start, len(text) if end is None else end)
-    return json.loads(b'"' + match.group(1) + b'"') if match else None
+def field_value(pattern, text, start, end):
+    """The value of the first field the pattern finds in text[start:end] (not copied:
+    reports run to megabytes)."""
+    match = pattern.search(text, start, end)
+    if not match:
+        return None
+    value = match.group(1)
+    return json.loads(b'"' + value + b'"') if b"\\" in value else value.decode()
 
 
-def movie_duration(elements):
-    """The duration of mvhd in seconds, or None."""
-    start = elements.find(_ELEMENT + b'mvhd"')
+def movie_duration(line, start, end):
+    """The duration of mvhd in seconds, or None; the box tree lies in line[start:end]."""
+    start = line.find(_ELEMENT + b'mvhd"', start, end)
     if start < 0:
         return None
-    end = elements.find(_ELEMENT, start + 1)
-    timescale = field_value(_TIMESCALE, elements, start, end)
-    duration = field_value(_DURATION, elements, start, end)
+    following = line.find(_ELEMENT, start + 1, end)
+    end = following if following >= 0 else end
+    timescale = field_value(_TIMESCALE, line, start, end)
+    duration = field_value(_DURATION, line, start, end)
     try:
         return round(int(duration) / int(timescale), 3)
     except (TypeError, ValueError, ZeroDivisionError):
         return None
 
 
-def stream_entries(streams, elements):
+def stream_entries(streams, handlers):
     """One entry per stream: handler, codec and the number of samples the tool listed.
-    Without --deep the streams do not name their handler; the track's hdlr does (the first
-    one in the trak: the media handler of mdia comes before minf)."""
+    Without --deep the streams do not name their handler; handlers, those of the tracks,
+    stand in."""
     counted = _SAMPLES.sub(lambda m: b'"samples":%d' % m.group().count(b"{"), streams)
-    handlers = track_handlers(elements)
     entries = []
     for index, stream in enumerate(json.loads(counted)):
         handler = stream.get("handlerType")
@@ -204,14 +215,17 @@ def stream_entries(streams, elements):
     return entries
 
 
-def track_handlers(elements):
+def track_handlers(line, start, end):
+    """The handler of each trak in the box tree in line[start:end]: the first hdlr in the
+    trak, as the media handler of mdia comes before minf (and its data handler)."""
     handlers = []
     marker = _ELEMENT + b'trak"'
-    start = elements.find(marker)
+    start = line.find(marker, start, end)
     while start >= 0:
-        end = elements.find(marker, start + 1)
-        handlers.append(field_value(_HANDLER, elements, start, end if end >= 0 else None) or "")
-        start = end
+        following = line.find(marker, start + 1, end)
+        handlers.append(field_value(_HANDLER, line, start,
+                                    following if following >= 0 else end) or "")
+        start = following
     return handlers
 
 
