@@ -58,6 +58,10 @@ exit status (over every row of the output, earlier runs included):
 """
 
 
+class RunFailed(Exception):
+    """The run cannot go on: exit status 2."""
+
+
 def parse_size(text):
     """A byte count such as 4G, 512M or 0 (no limit)."""
     units = {"": 1, "K": 1 << 10, "M": 1 << 20, "G": 1 << 30, "T": 1 << 40}
@@ -131,7 +135,10 @@ def load_rows(output):
         for line in file:
             if not line.endswith(b"\n"):
                 break
-            row = json.loads(line)
+            try:
+                row = json.loads(line)
+            except ValueError:
+                raise RunFailed("%s: not the rows of ./batch" % output) from None
             rows[row["path"]] = (row["size"], row["mtime"], row["status"], row["exit"],
                                  row["codes"])
             kept += len(line)
@@ -307,10 +314,6 @@ def start_client(arguments):
         client = Client(cluster)
     client.upload_file(chunk.__file__)
     return client
-
-
-class RunFailed(Exception):
-    pass
 
 
 class Run:

@@ -18,11 +18,11 @@ import gzip
 import hashlib
 import json
 import os
-import queue
 import re
 import signal
 import subprocess
 import threading
+import time
 
 # Statuses of a row; see README.md, "Checking an archive".
 OK, PROBLEMS, NOT_MP4, UNREADABLE, TIMEOUT, CRASHED = (
@@ -57,59 +57,77 @@ def check_chunk(tool, files, deep=False, timeout=60.0, memory_limit=0, reports=N
     rows = []
     pending = list(files)
     while pending:
-        lines, failure, detail = run_tool(command + ["--"] + [f[0] for f in pending], timeout)
-        for entry, line in zip(pending, lines):
-            rows.append(report_row(entry, line, reports))
-        pending = pending[len(lines):]
+        first = len(rows)
+
+        def take(line):
+            # A row is made as its line comes, so that only one report is held at a time.
+            if len(rows) - first < len(pending):
+                rows.append(report_row(pending[len(rows) - first], line, reports))
+
+        failure, detail = run_tool(command + ["--"] + [f[0] for f in pending], timeout, take)
+        pending = pending[len(rows) - first:]
         if pending and failure:
             rows.append(failed_row(pending[0], failure, detail))
             pending = pending[1:]
     return rows
 
 
-def run_tool(command, timeout):
-    """Runs the tool and collects its lines. Returns (lines, failure, detail): failure is
-    None, TIMEOUT or CRASHED for the file after the last line, detail the message."""
+def run_tool(command, timeout, take):
+    """Runs the tool and hands each line it writes to take, without its line feed.
+    Returns (failure, detail): failure is None, or TIMEOUT or CRASHED for the file after
+    the last line, detail says why."""
     # A report of a small file is some 50 KB: a pipe of 1 MiB takes many of them at once,
     # where the usual 64 KiB would make the tool wait for the reader every file.
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                stderr=subprocess.DEVNULL, pipesize=PIPE_SIZE,
                                bufsize=PIPE_SIZE)
-    # A thread reads the lines with the buffered reader's own loop, which costs far less
-    # than waking up in Python for every piece the tool writes; this one waits for them
-    # with the time limit.
-    incoming = queue.SimpleQueue()
-    reader = threading.Thread(target=read_lines, args=(process.stdout, incoming), daemon=True)
-    reader.start()
-    lines = []
-    failure = None
-    while True:
-        try:
-            line = incoming.get(timeout=timeout)
-        except queue.Empty:
-            process.kill()
-            failure = TIMEOUT
-            break
-        if line is None:
-            break
-        lines.append(line)
+    watchdog = Watchdog(process, timeout)
+    watchdog.start()
+    for line in process.stdout:
+        if not line.endswith(b"\n"):
+            break  # cut short by the tool's end
+        take(line[:-1])
+        watchdog.progress()
     status = process.wait()
-    reader.join()
+    watchdog.stop()
     process.stdout.close()
-    if failure:
-        return lines, failure, "no report within %g s" % timeout
+    if watchdog.fired:
+        return TIMEOUT, "no report within %g s" % timeout
     if status in (EXIT_OK, EXIT_FILE_FAILED, EXIT_NOT_TAKEN, EXIT_ERRORS):
-        return lines, None, ""
-    return lines, CRASHED, exit_text(status)
+        return None, ""
+    return CRASHED, exit_text(status)
 
 
-def read_lines(stream, out):
-    """Puts each whole line of stream on out, without its line feed, then None. A line
-    cut short by the tool's end is not one."""
-    for line in stream:
-        if line.endswith(b"\n"):
-            out.put(line[:-1])
-    out.put(None)
+class Watchdog(threading.Thread):
+    """Kills the tool when no line has come for timeout seconds. The lines are read with
+    the buffered reader's own loop in the calling thread, which costs far less than
+    waiting for each piece the tool writes with a time limit; this thread wakes up only
+    when a time limit runs out."""
+
+    def __init__(self, process, timeout):
+        super().__init__(daemon=True)
+        self.process = process
+        self.timeout = timeout
+        self.last = time.monotonic()
+        self.stopped = threading.Event()
+        self.fired = False
+
+    def progress(self):
+        self.last = time.monotonic()
+
+    def stop(self):
+        self.stopped.set()
+        self.join()
+
+    def run(self):
+        while True:
+            remaining = self.last + self.timeout - time.monotonic()
+            if remaining <= 0:
+                self.fired = True
+                self.process.kill()
+                return
+            if self.stopped.wait(remaining):
+                return
 
 
 def exit_text(status):
