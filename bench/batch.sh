@@ -4,7 +4,7 @@
 # run once per file. The files (FILES, default 10,000, of a few KB) are copies of the
 # FFmpeg test files in tests/data, made in a temporary directory. The runs once per file
 # cost tens of milliseconds each, so they are timed over the first ONE_BY_ONE files
-# (default 1,000), in one round; the others take the best of RUNS rounds (default 3).
+# (default 500), in one round; the others take the best of RUNS rounds (default 3).
 # ./batch is timed twice: as a user runs it, starting a local cluster of one worker per
 # core, and on a cluster already running on this machine (a scheduler and one worker per
 # core started here beforehand, stopped at the end), which is the rate of a long run,
@@ -14,7 +14,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 count=${FILES:-10000}
-oneByOne=${ONE_BY_ONE:-1000}
+oneByOne=${ONE_BY_ONE:-500}
 runs=${RUNS:-3}
 
 echo "== building build-bench (Release)" >&2
@@ -28,42 +28,43 @@ work=$(mktemp -d)
 pids=()
 cleanup() {
     local pid
-    for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-    wait
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
     rm -rf "$work"
 }
 trap cleanup EXIT
+# One folder of 100 files copied as a whole: a process per file would take minutes.
 sources=("$root"/tests/data/*.mp4)
-for ((i = 0; i < count; i++)); do
-    dir=$work/files/d$((i % 100))
-    [ -d "$dir" ] || mkdir -p "$dir"
-    cp "${sources[i % ${#sources[@]}]}" "$dir/f$i.mp4"
+mkdir -p "$work/files/d0"
+for ((i = 0; i < 100 && i < count; i++)); do
+    cp "${sources[i % ${#sources[@]}]}" "$work/files/d0/f$i.mp4"
+done
+for ((i = 1; i < count / 100; i++)); do
+    cp -r "$work/files/d0" "$work/files/d$i"
 done
 mapfile -t files < <(find "$work/files" -name '*.mp4' | sort)
 echo "machine: $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "files:   ${#files[@]}, $(du -sh "$work/files" | cut -f1)"
 
-# seconds COMMAND...: wall time of the command, in seconds.
-seconds() {
-    local start end
-    start=$(date +%s.%N)
-    "$@" >/dev/null 2>&1 || true
-    end=$(date +%s.%N)
-    echo "$end - $start" | bc
-}
-
-# best ROUNDS NAME FILES COMMAND...: the best of the rounds, as files per second.
+# best ROUNDS NAME FILES COMMAND...: the best of the rounds: wall time, files per second,
+# and the CPU time (user + system) of the command and the processes it waited for, per
+# file. The CPU time does not depend on the load of the machine as much as the wall time;
+# it misses the workers of a cluster that was already running.
 best() {
-    local rounds=$1 name=$2 n=$3 round time fastest=''
+    local rounds=$1 name=$2 n=$3 round wall user system fastest='' cpu='' TIMEFORMAT='%R %U %S'
     shift 3
     for ((round = 1; round <= rounds; round++)); do
-        time=$(seconds "$@")
-        if [ -z "$fastest" ] || [ "$(echo "$time < $fastest" | bc)" = 1 ]; then
-            fastest=$time
+        { time "$@" >/dev/null 2>&1 || true; } 2>"$work/time"
+        read -r wall user system <"$work/time"
+        if [ -z "$fastest" ] || [ "$(echo "$wall < $fastest" | bc)" = 1 ]; then
+            fastest=$wall
+            cpu=$(echo "($user + $system) * 1000 / $n" | bc -l)
         fi
     done
-    printf '%-34s %6d files %8.2f s %9.1f files/s\n' "$name" "$n" "$fastest" \
-        "$(echo "$n / $fastest" | bc -l)"
+    printf '%-34s %6d files %8.2f s %9.1f files/s %7.3f ms CPU/file\n' "$name" "$n" \
+        "$fastest" "$(echo "$n / $fastest" | bc -l)" "$cpu"
 }
 
 one_by_one_tool() {
