@@ -23,7 +23,7 @@ constexpr quint64 InternedBit = quint64(1) << 63;
 constexpr quint64 InlineBit = quint64(1) << 62;
 constexpr size_t MaxInline = 7;
 
-static_assert(sizeof(FileIndex::Element) == 96, "element records are written as they are");
+static_assert(sizeof(FileIndex::Element) == 104, "element records are written as they are");
 static_assert(sizeof(FileIndex::Child) == 64, "child records are written as they are");
 static_assert(sizeof(FileIndex::SampleRecord) == 88, "sample records are written as they are");
 constexpr quint64 BasicSampleSize = offsetof(FileIndex::SampleRecord, presentationTime);
@@ -275,7 +275,7 @@ void FileIndex::beginElement(quint64 offset, quint64 size, const QString &name, 
     addChild(child);
     Element &parent = open.back().record;
     spoolAt(kidFiles, parent.depth).append(&id, sizeof id);
-    ++parent.kidCount;
+    const quint64 position = parent.kidCount++;
 
     OpenElement element;
     element.id = id;
@@ -285,6 +285,7 @@ void FileIndex::beginElement(quint64 offset, quint64 size, const QString &name, 
     record.index = index;
     record.name = intern(name);
     record.parent = open.back().id;
+    record.position = position;
     record.depth = parent.depth + 1;
     record.childStart = spoolAt(childFiles, record.depth).size();
     record.kidStart = spoolAt(kidFiles, record.depth).size();

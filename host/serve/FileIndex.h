@@ -40,8 +40,9 @@ public:
         quint64 childCount = 0;
         quint64 kidStart = 0; // of its child elements' ids, in the kid file of its depth
         quint64 kidCount = 0;
-        quint32 depth = 0; // 0 for the file, 1 for top-level elements
-        quint8 state = 0;  // 0 when read, else the ElementState + 1
+        quint64 position = 0; // among the child elements of its parent
+        quint32 depth = 0;    // 0 for the file, 1 for top-level elements
+        quint8 state = 0;     // 0 when read, else the ElementState + 1
         quint8 unused[3] = {};
     };
     enum ChildKind : quint8 { FieldChild, RawChild, ElementChild };

@@ -190,6 +190,8 @@ void writeElement(QByteArray &out, const FileIndex &file, quint64 id,
     out += ',';
     numberMember(out, "depth", element.depth);
     out += ',';
+    numberMember(out, "position", element.position);
+    out += ',';
     numberMember(out, "kidCount", element.kidCount);
     out += ',';
     numberMember(out, "childCount", element.childCount);
