@@ -1388,6 +1388,8 @@
   }
 
   function paintChart(stream, data) {
+    // What is in view, for tests and tools that read the page.
+    chart.dataset.view = data ? `${stream.view.x0} ${stream.view.x1}` : '';
     const ratio = window.devicePixelRatio || 1;
     const { cssWidth, cssHeight, plotWidth, plotHeight } = plotGeometry();
     chart.width = Math.round(cssWidth * ratio);
