@@ -1,6 +1,9 @@
 #include "ContainerAbstract.h"
 
+#include "checks/ProblemChecker.h"
+
 #include <algorithm>
+#include <optional>
 
 ContainerAbstract::CommonElement::CommonElement()
     : elementType(0)
@@ -29,6 +32,7 @@ void ContainerAbstract::configure(const Settings &settings)
     sizeBase = settings.sizeBase;
     valueBase = settings.valueBase;
     deepAnalysis = settings.deepAnalysis;
+    checkProblems = settings.checkProblems;
 }
 
 ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, ReportSink &sink,
@@ -50,8 +54,13 @@ ContainerAbstract::parseBytes(const QString &fileName, const QByteArray &bytes, 
     return run(fileName, sink);
 }
 
-ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, ReportSink &sink)
+ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, ReportSink &target)
 {
+    // With checks, the report passes the checker on its way to the sink.
+    std::optional<ProblemChecker> checker;
+    if (checkProblems)
+        checker.emplace(target);
+    ReportSink &sink = checker ? static_cast<ReportSink &>(*checker) : target;
     this->sink = &sink;
     const quint64 end = quint64(input.size());
     sink.beginReport(fileName, end);
@@ -78,6 +87,8 @@ ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, Rep
     advanceStreamsTo(int(streams.size()));
     sink.endReport();
     this->sink = nullptr;
+    if (checker)
+        problemsFound = checker->counts();
     return RunOk;
 }
 
@@ -150,6 +161,12 @@ void ContainerAbstract::swapBytes(void *data, quint8 size)
     Q_UNUSED(data);
     Q_UNUSED(size);
 #endif
+}
+
+void ContainerAbstract::reportProblem(const Problem &problem)
+{
+    if (checkProblems)
+        sink->addProblem(problem);
 }
 
 int ContainerAbstract::reportSample(uint stream, quint64 sampleIndex)

@@ -56,6 +56,8 @@ public:
         int valueBase = 10;
         // Deep analysis: the wider vocabulary of boxes and the samples of every track.
         bool deepAnalysis = false;
+        // Checks: the problems of the file, and where its bytes went.
+        bool checkProblems = false;
     };
 
     ContainerAbstract();
@@ -67,6 +69,8 @@ public:
     RunResult parse(const QString &fileName, ReportSink &sink, QString *error = nullptr);
     // The same over bytes in memory; fileName serves the format check and the report.
     RunResult parseBytes(const QString &fileName, const QByteArray &bytes, ReportSink &sink);
+    // The problems the last run found; none without checks.
+    const ProblemCounts &problemCounts() const { return problemsFound; }
 
 protected:
     virtual int verifyContainerFormat(const QString &fileName) = 0;
@@ -93,6 +97,8 @@ protected:
     void setElementValue(const QString &text);
     void swapBytes(void *data, quint8 size);
     int reportSample(uint stream, quint64 sampleIndex);
+    // A problem of the file, for the checks; nothing without them.
+    void reportProblem(const Problem &problem);
     // The same for a sample of deep analysis, which brings its own record.
     void reportTrackSample(int stream, quint64 sampleIndex, const TrackSample &sample);
 
@@ -107,6 +113,7 @@ protected:
     int sizeBase = 10;
     int valueBase = 10;
     bool deepAnalysis = false;
+    bool checkProblems = false;
     InputDevice input;
     quint64 currentOffset = 0;
     QVector<ReportSink *> sampleOutputs;
@@ -126,4 +133,5 @@ private:
     ReportSink *sink = nullptr;
     int openStreamIndex = -1; // stream whose samples the sink is receiving
     int nextStreamIndex = 0;  // next stream to hand to the sink
+    ProblemCounts problemsFound;
 };

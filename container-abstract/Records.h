@@ -38,6 +38,7 @@ struct StreamInfo {
     quint64 configSize = 0;
     QString codecName;               // the codec for people, such as "H.264"; empty when not known
     std::optional<TrackFacts> track; // deep analysis only
+    QString boxPath;                 // where the stream's box lies, such as "moov/trak[1]"
 };
 
 // Where a sample of a movie fragment came from: the moof (counted from 0 in the file, and its
@@ -79,6 +80,43 @@ enum class Payload {
     Data,      // bytes the parser does not interpret, such as a box without a payload parser
     MediaData, // the media itself
     Filler,    // bytes that mean nothing (free, skip)
+};
+
+// How bad a problem of a file is.
+enum class Severity {
+    Error,   // the file breaks the format's rules or loses data
+    Warning, // legal but suspicious or wasteful
+    Info,
+};
+
+// Something wrong with a file, found by the checks: a stable code, the bytes it concerns,
+// the path of the box they lie in (such as "moov/trak[1]/mdia/minf/stbl/stsz") and a
+// sentence for people that names the numbers involved.
+struct Problem {
+    QString code;
+    Severity severity = Severity::Error;
+    quint64 offset = 0;
+    quint64 size = 0;
+    QString path;
+    QString message;
+};
+
+// The problems of a file, by severity.
+struct ProblemCounts {
+    quint64 errors = 0;
+    quint64 warnings = 0;
+    quint64 infos = 0;
+};
+
+// Where every byte of a file went. The parts add up to the file's size.
+struct Coverage {
+    quint64 fileSize = 0;
+    quint64 structure = 0;             // box headers, fields and payloads shown by position
+    quint64 sampleData = 0;            // media data the samples reference, each byte once
+    quint64 unreferencedMediaData = 0; // media data no sample references
+    quint64 filler = 0;                // free, skip and the like
+    quint64 unknown = 0;               // boxes of a type the parser does not know
+    quint64 trailing = 0;              // bytes behind the last box that form no box
 };
 
 // Why the parser did not read an element's content. Writers that keep a file's bytes keep

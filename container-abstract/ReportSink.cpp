@@ -10,6 +10,10 @@ void ReportSink::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
                                   quint32(sample.pts), sample.duration, sample.keyFrame ? 1u : 0u});
 }
 
+void ReportSink::addProblem(const Problem &) {}
+
+void ReportSink::setCoverage(const Coverage &) {}
+
 void ReportSink::addPayloadField(quint64 offset, quint64 size, const QString &name, Payload)
 {
     addField(false, offset, 0, size, name, QString(), QString(), QString(), -1);

@@ -44,4 +44,9 @@ public:
     // whose times are cut to the sample slot's 32 bits.
     virtual void addTrackSample(quint64 sampleIndex, const TrackSample &sample);
     virtual void endStream() = 0;
+
+    // Checks only: the problems of the file and where its bytes went, after the streams. Sinks
+    // that do not show them take no notice.
+    virtual void addProblem(const Problem &problem);
+    virtual void setCoverage(const Coverage &coverage);
 };

@@ -100,3 +100,13 @@ void ReportTree::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
 }
 
 void ReportTree::endStream() {}
+
+void ReportTree::addProblem(const Problem &problem)
+{
+    problems.append(problem);
+}
+
+void ReportTree::setCoverage(const Coverage &value)
+{
+    coverage = value;
+}

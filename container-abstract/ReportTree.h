@@ -8,6 +8,7 @@
 #include <QVector>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 // A report kept in memory as a tree, for tests and for library users who want to look
@@ -46,6 +47,9 @@ public:
     quint64 fileSize = 0;
     Node root; // an element without a name; its children are the top-level elements
     QVector<Stream> streams;
+    // With checks.
+    QVector<Problem> problems;
+    std::optional<Coverage> coverage;
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;
@@ -64,6 +68,8 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addProblem(const Problem &problem) override;
+    void setCoverage(const Coverage &coverage) override;
 
     // Number of elements still open; 0 in a balanced report.
     int openElements() const { return int(open.size()) - 1; }

@@ -10,21 +10,22 @@ void ContainerMP4::buildBoxTable()
         int fullBox;
         BoxHandler handler;
         bool opensStream = false;
+        NotedBox noted = NotedBox::None;
     };
     static const Row rows[] = {
         {"free", PlainBox, 0, &ContainerMP4::parseJunk},
         {"ftyp", FileTypeBox, 0, &ContainerMP4::parseFileType},
         {"iods", PlainBox, 1, nullptr},
         {"moov", ContainerBox, 0, nullptr},
-        {"mvhd", PlainBox, 1, &ContainerMP4::parseBoxMVHD},
-        {"mdat", PlainBox, 0, &ContainerMP4::parseBoxMDAT},
+        {"mvhd", PlainBox, 1, &ContainerMP4::parseBoxMVHD, false, NotedBox::MovieHeader},
+        {"mdat", PlainBox, 0, &ContainerMP4::parseBoxMDAT, false, NotedBox::MediaData},
         {"meta", ContainerBox, 1, nullptr},
         {"skip", PlainBox, 0, &ContainerMP4::parseJunk},
         {"udta", ContainerBox, 0, nullptr},
         {"trak", ContainerBox, 0, nullptr, true},
-        {"tkhd", PlainBox, 1, &ContainerMP4::parseBoxTKHD},
+        {"tkhd", PlainBox, 1, &ContainerMP4::parseBoxTKHD, false, NotedBox::TrackHeader},
         {"mdia", ContainerBox, 0, nullptr},
-        {"mdhd", PlainBox, 1, &ContainerMP4::parseBoxMDHD},
+        {"mdhd", PlainBox, 1, &ContainerMP4::parseBoxMDHD, false, NotedBox::MediaHeader},
         {"hdlr", PlainBox, 1, &ContainerMP4::parseBoxHDLR},
         {"minf", ContainerBox, 0, nullptr},
         {"smhd", PlainBox, 1, &ContainerMP4::parseBoxSMHD},
@@ -33,18 +34,18 @@ void ContainerMP4::buildBoxTable()
         {"dref", PlainBox, 1, nullptr},
         {"stbl", ContainerBox, 0, nullptr},
         {"stsd", PlainBox, 1, &ContainerMP4::parseBoxSTSD},
-        {"stts", PlainBox, 1, &ContainerMP4::parseBoxSTTS},
-        {"stss", PlainBox, 1, &ContainerMP4::parseBoxSTSS},
-        {"stsc", PlainBox, 1, &ContainerMP4::parseBoxSTSC},
-        {"stco", PlainBox, 1, &ContainerMP4::parseBoxSTCO},
-        {"co64", PlainBox, 1, &ContainerMP4::parseBoxCO64},
-        {"stsz", PlainBox, 1, &ContainerMP4::parseBoxSTSZ},
+        {"stts", PlainBox, 1, &ContainerMP4::parseBoxSTTS, false, NotedBox::TimeToSample},
+        {"stss", PlainBox, 1, &ContainerMP4::parseBoxSTSS, false, NotedBox::SyncSamples},
+        {"stsc", PlainBox, 1, &ContainerMP4::parseBoxSTSC, false, NotedBox::SampleToChunk},
+        {"stco", PlainBox, 1, &ContainerMP4::parseBoxSTCO, false, NotedBox::ChunkOffsets},
+        {"co64", PlainBox, 1, &ContainerMP4::parseBoxCO64, false, NotedBox::ChunkOffsets64},
+        {"stsz", PlainBox, 1, &ContainerMP4::parseBoxSTSZ, false, NotedBox::SampleSizes},
         {"ilst", ContainerBox, 0, nullptr},
         {"pdin", PlainBox, 1, nullptr},
         {"tref", PlainBox, 0, nullptr},
         {"trgr", PlainBox, 1, nullptr},
         {"edts", ContainerBox, 0, nullptr},
-        {"elst", PlainBox, 1, &ContainerMP4::parseBoxELST},
+        {"elst", PlainBox, 1, &ContainerMP4::parseBoxELST, false, NotedBox::EditList},
         {"hmhd", PlainBox, 1, nullptr},
         {"nmhd", PlainBox, 1, nullptr},
         {"mvex", ContainerBox, 0, nullptr},
@@ -82,8 +83,9 @@ void ContainerMP4::buildBoxTable()
         {"clap", PlainBox, 0, nullptr},
     };
     for (const Row &row : rows) {
-        elements.insert(QString::fromLatin1(row.type),
-                        new ElementMP4(row.elementType, row.fullBox, row.handler, QString(),
-                                       QString(), row.opensStream));
+        auto *element = new ElementMP4(row.elementType, row.fullBox, row.handler, QString(),
+                                       QString(), row.opensStream);
+        element->noted = row.noted;
+        elements.insert(QString::fromLatin1(row.type), element);
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ContainerAbstract.h"
+#include "samples/TrackContext.h"
 
 #include <QHash>
 #include <QIODevice>
@@ -30,6 +31,23 @@ public:
 protected:
     using BoxHandler = int (ContainerMP4::*)(quint64 offset, quint64 size);
 
+    // The boxes whose place the walk notes, to read them again at the end: the movie header,
+    // and in a track the boxes that tell its samples and their timing.
+    enum class NotedBox {
+        None,
+        MovieHeader,
+        MediaData,
+        TrackHeader,
+        MediaHeader,
+        EditList,
+        TimeToSample,
+        SampleToChunk,
+        SampleSizes,
+        ChunkOffsets,
+        ChunkOffsets64,
+        SyncSamples,
+    };
+
     // One row of the box table: what the walker does with a box of one type.
     class SARVELINTH_MP4_EXPORT ElementMP4 : public ContainerAbstract::CommonElement {
     public:
@@ -49,6 +67,8 @@ protected:
         // The payload parser of a row of the deep vocabulary. It runs in place of handler,
         // which it may call in turn: the basic parser of its type, if there is one.
         DeepParser deepParser = nullptr;
+        // Whether the walk notes where a box of this type lies.
+        NotedBox noted = NotedBox::None;
     };
 
     // Values of ElementMP4::elementType; only Container changes what the walker does.
@@ -129,6 +149,51 @@ private:
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.
     QVector<QString> boxPath;
+    // Of each of those, its place among the siblings of its type, from 0.
+    QVector<int> boxIndexes;
+    // For each level being walked, the siblings seen so far by type; where each level ends.
+    std::vector<std::vector<std::pair<QString, int>>> siblingCounts;
+    std::vector<quint64> levelEnds;
+    // The offset of the first top-level box of each type.
+    QHash<QString, quint64> firstTopLevel;
+    // The place of the next box of a type among its siblings, counted.
+    int siblingIndex(const QString &type);
+    // A new level of siblings begins below the box being walked.
+    void beginSiblings();
+    // The path and the sibling places move together, into a box and out of it.
+    void enterBox(const QString &type);
+    void leaveBox();
+    // The path of the box being walked, such as "moov/trak[1]/mdia": each box with its place
+    // among its siblings of the same type where it is not the first.
+    QString pathText() const;
+
+    // Checks (checks/): the problems a box shows on the walk, reported to the checks.
+    struct BoxHeader {
+        quint64 start;
+        quint64 declaredSize;
+        quint64 totalSize;
+        quint64 headerSize;
+        quint64 parentEnd;
+        bool known;
+        bool invalidSize;
+        bool tooDeep;
+    };
+    void noteProblem(const char *code, Severity severity, quint64 offset, quint64 size,
+                     const QString &message, const QString &path);
+    void checkBox(const BoxHeader &box);
+    void checkPayload(int result, quint64 start, quint64 size, quint64 payloadSize);
+    void checkWorkBudget(quint64 start, quint64 size);
+    void checkTrack(int stream, quint64 start, quint64 size);
+    // The checks of the tables and headers of every track, and of the file's top level.
+    void checkTracks();
+    // Notes where a box lies, for the movie or the track of the innermost trak being walked.
+    void noteBox(NotedBox kind, quint64 payload, quint64 size);
+    // The trak boxes being walked, one inside the other.
+    int openTrakBoxes = 0;
+    // What the walk notes of each stream's track, by stream index.
+    std::vector<TrackContext> trackContexts;
+    TableBox movieHeader;
+    std::vector<TableBox> mediaDataBoxes; // the payloads of mdat
     // What deep analysis gathers while the boxes are walked; null without deep analysis.
     std::unique_ptr<DeepAnalysis> deep;
 

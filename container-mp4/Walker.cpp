@@ -68,6 +68,7 @@ int ContainerMP4::parseElement(quint64 *size)
     const quint64 extent = tooDeep ? 0 : qMin(totalSize, inputSize - start);
     if (workDone + extent > WorkBudgetFactor * inputSize) {
         walkStopped = true;
+        checkWorkBudget(start, inputSize - start);
         *size = inputSize - start;
         input.seek(qint64(start));
         return ParseOk;
@@ -75,9 +76,11 @@ int ContainerMP4::parseElement(quint64 *size)
     workDone += extent;
 
     ++depth;
-    boxPath.append(type);
+    const quint64 parentEnd = levelEnds.empty() ? inputSize : levelEnds.back();
+    enterBox(type);
     beginElement(start, totalSize, type, -1);
     *size = totalSize;
+    checkBox({start, declaredSize, totalSize, headerSize, parentEnd, known, invalidSize, tooDeep});
 
     reportField(start, 4, "size", Render::u64(declaredSize, sizeBase), sizeComment);
     reportField(start + 4, 4, "type", type);
@@ -121,9 +124,13 @@ int ContainerMP4::parseElement(quint64 *size)
             // A track opens its stream before its boxes are walked and learns after them
             // whether its samples are wanted.
             const int stream = row.opensStream ? beginTrack() : -1;
+            openTrakBoxes += row.opensStream ? 1 : 0;
             result = walkChildren(payload, endOf(start, totalSize));
-            if (row.opensStream)
+            openTrakBoxes -= row.opensStream ? 1 : 0;
+            if (row.opensStream) {
                 endTrack(stream);
+                checkTrack(stream, start, totalSize);
+            }
         } else if (row.deepParser) {
             result = parseDeepBox(row, payload, remaining);
         } else if (row.handler) {
@@ -132,12 +139,14 @@ int ContainerMP4::parseElement(quint64 *size)
         } else {
             reportPayload(payload, remaining, "data");
         }
+        noteBox(row.noted, payload, remaining);
+        checkPayload(result, start, totalSize, remaining);
         if (!row.description.isEmpty())
             addElementNote(row.description);
     }
 
     endElement();
-    boxPath.removeLast();
+    leaveBox();
     --depth;
     currentOffset = start;
     input.seek(qint64(start));
@@ -157,6 +166,9 @@ int ContainerMP4::walkChildren(quint64 begin, quint64 end)
     const quint64 inputEnd = quint64(input.size());
     int result = ParseOk;
     quint64 position = begin;
+    // The children count their siblings of each type from here, and reach to end.
+    beginSiblings();
+    levelEnds.push_back(end);
     while (position < end && position < inputEnd && !walkStopped) {
         currentOffset = position;
         input.seek(qint64(position));
@@ -166,7 +178,51 @@ int ContainerMP4::walkChildren(quint64 begin, quint64 end)
             break;
         position += childSize;
     }
+    levelEnds.pop_back();
     return result;
+}
+
+int ContainerMP4::siblingIndex(const QString &type)
+{
+    siblingCounts.resize(std::max(siblingCounts.size(), size_t(boxPath.size()) + 1));
+    auto &counts = siblingCounts[size_t(boxPath.size())];
+    for (auto &[seen, count] : counts) {
+        if (seen == type)
+            return count++;
+    }
+    counts.push_back({type, 1});
+    return 0;
+}
+
+void ContainerMP4::beginSiblings()
+{
+    siblingCounts.resize(size_t(boxPath.size()) + 1);
+    siblingCounts[size_t(boxPath.size())].clear();
+}
+
+void ContainerMP4::enterBox(const QString &type)
+{
+    boxIndexes.append(siblingIndex(type));
+    boxPath.append(type);
+}
+
+void ContainerMP4::leaveBox()
+{
+    boxPath.removeLast();
+    boxIndexes.removeLast();
+}
+
+QString ContainerMP4::pathText() const
+{
+    QString path;
+    for (qsizetype i = 0; i < boxPath.size(); ++i) {
+        if (i > 0)
+            path += QLatin1Char('/');
+        path += boxPath[i];
+        if (boxIndexes[i] > 0)
+            path += QStringLiteral("[%1]").arg(boxIndexes[i]);
+    }
+    return path;
 }
 
 int ContainerMP4::getSize(quint64 *value, quint8 width)

@@ -47,9 +47,10 @@ public:
     quint64 fields = 0; // plain and raw
     quint64 samples = 0;
     quint64 streams = 0;
+    quint64 problems = 0;
     int maxDepth = 0;
 
-    quint64 nodes() const { return elements + fields + samples; }
+    quint64 nodes() const { return elements + fields + samples + problems; }
 
     void beginReport(const QString &fileName, quint64 size) override
     {
@@ -198,6 +199,27 @@ public:
         ++samples;
         if (next)
             next->addTrackSample(sampleIndex, sample);
+    }
+
+    void addProblem(const Problem &problem) override
+    {
+        requireInReport("addProblem");
+        require(open.empty() && !streamOpen, "a problem inside an element or a stream");
+        ++problems;
+        if (next)
+            next->addProblem(problem);
+    }
+
+    void setCoverage(const Coverage &coverage) override
+    {
+        requireInReport("setCoverage");
+        require(coverage.fileSize == reportedFileSize, "coverage of another size");
+        require(coverage.structure + coverage.sampleData + coverage.unreferencedMediaData +
+                        coverage.filler + coverage.unknown + coverage.trailing ==
+                    coverage.fileSize,
+                "coverage parts that do not add up to the file size");
+        if (next)
+            next->setCoverage(coverage);
     }
 
     void endStream() override

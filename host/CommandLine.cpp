@@ -38,6 +38,11 @@ const QList<OptionSpec> &optionSpecs()
          "list the samples of every track with their composition\n"
          "and presentation times, and take the whole family of\n"
          "suffixes (mov, m4a, 3gp, ...) and files by content"},
+        {{"check"},
+         {},
+         "check the files: list what is wrong with each, with codes,\n"
+         "offsets and severities, and where its bytes went; exit\n"
+         "status 4 when a file has an error"},
         {{"value-base"}, "N", "base of field values, 2 to 36 (default 10)"},
         {{"size-base"}, "N", "base of box and entry sizes, 2 to 36 (default 10)"},
         {{"no-unknown-data"}, {}, "do not show the bytes of unknown boxes"},
@@ -153,6 +158,7 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     options->version = parser.isSet(QStringLiteral("version"));
     options->showSamples = parser.isSet(QStringLiteral("samples"));
     options->settings.deepAnalysis = parser.isSet(QStringLiteral("deep"));
+    options->settings.checkProblems = parser.isSet(QStringLiteral("check"));
     if (parser.isSet(QStringLiteral("no-unknown-data")))
         options->settings.showUnknownData = false;
     if (parser.isSet(QStringLiteral("format")) &&
@@ -227,6 +233,7 @@ QString usageText()
     text += QStringLiteral("\n"
                            "Exit status: 0 every file reported, 1 a file could not be opened or "
                            "read,\n"
-                           "2 usage error, 3 no plugin takes a file.\n");
+                           "2 usage error, 3 no plugin takes a file, 4 (with --check) a file has\n"
+                           "a problem of severity error.\n");
     return text;
 }

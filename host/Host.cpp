@@ -36,9 +36,10 @@ QString supportedSuffixes(const std::vector<PluginLoader::Plugin> &plugins)
     return suffixes.join(QStringLiteral(", "));
 }
 
-// Reports one file with the first plugin that takes it; returns the file's exit status.
+// Reports one file with the first plugin that takes it; returns the file's exit status, and
+// sets *errors when the checks found a problem of severity error.
 int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> &plugins,
-               const Options &options, ReportWriter &writer, FILE *err)
+               const Options &options, ReportWriter &writer, FILE *err, bool *errors)
 {
     // The plugins decide by name alone, so a file that is not there is caught first: it
     // gets the same answer whatever its name.
@@ -63,6 +64,7 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
             writer.reportError(fileName, problem);
             return ExitFileFailed;
         case ContainerAbstract::RunOk:
+            *errors = *errors || parser->problemCounts().errors > 0;
             return ExitOk;
         }
     }
@@ -145,8 +147,9 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         writer = std::move(index);
     } else if (options.format == Options::Format::Json)
         // The document of the basic report keeps its keys as they have always been; those
-        // of deep analysis are new, and carry the annotations too.
-        writer = std::make_unique<JsonWriter>(reportOut, options.settings.deepAnalysis
+        // of deep analysis and checks are new, and carry the annotations too.
+        writer = std::make_unique<JsonWriter>(reportOut, options.settings.deepAnalysis ||
+                                                                 options.settings.checkProblems
                                                              ? JsonWriter::Keys::Annotated
                                                              : JsonWriter::Keys::Plain);
     else if (options.format == Options::Format::Html)
@@ -155,8 +158,13 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         writer = std::make_unique<TextWriter>(reportOut, options.showSamples);
 
     int status = ExitOk;
+    bool errors = false;
     for (const QString &fileName : options.files)
-        status = qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err));
+        status =
+            qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err, &errors));
+    // Problems of the files tell their status only when nothing worse went wrong.
+    if (status == ExitOk && errors)
+        status = ExitProblems;
     // The server shows the reports, and the problems of the files that have none.
     if (served)
         status = qMax(status, serveReports(*served, options.port, err));

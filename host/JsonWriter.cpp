@@ -14,6 +14,19 @@ const char *payloadText(Payload payload)
     return "data";
 }
 
+const char *severityText(Severity severity)
+{
+    switch (severity) {
+    case Severity::Warning:
+        return "warning";
+    case Severity::Info:
+        return "info";
+    case Severity::Error:
+        break;
+    }
+    return "error";
+}
+
 const char *stateText(ElementState state)
 {
     switch (state) {
@@ -88,16 +101,16 @@ void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
     inReport = true;
     hasStreams = false;
     inStream = false;
+    inProblems = false;
+    hasProblems = false;
+    listsClosed = false;
 }
 
 void JsonWriter::endReport()
 {
     if (!inReport)
         return;
-    if (inStream)
-        endStream();
-    leaveElements();
-    out.put(']');
+    closeLists();
     if (trailer)
         trailer();
     out.appendLiteral("}\n");
@@ -252,6 +265,75 @@ void JsonWriter::addRawField(quint64 offset, quint64 size, const quint8 *data, c
     out.appendLiteral("\",\"comment\":");
     string(comment);
     out.put('}');
+}
+
+void JsonWriter::closeLists()
+{
+    if (listsClosed)
+        return;
+    if (inStream)
+        endStream();
+    leaveElements();
+    out.put(']');
+    listsClosed = true;
+}
+
+void JsonWriter::addProblem(const Problem &problem)
+{
+    if (!inReport || listsClosed)
+        return;
+    if (!inProblems)
+        addProblemsList();
+    if (hasProblems)
+        out.put(',');
+    hasProblems = true;
+    out.appendLiteral("{\"code\":");
+    string(problem.code);
+    out.appendLiteral(",\"severity\":\"");
+    out.appendCString(severityText(problem.severity));
+    out.appendLiteral("\",\"offset\":");
+    out.appendUnsigned(problem.offset);
+    out.appendLiteral(",\"size\":");
+    out.appendUnsigned(problem.size);
+    out.appendLiteral(",\"path\":");
+    string(problem.path);
+    out.appendLiteral(",\"message\":");
+    string(problem.message);
+    out.put('}');
+}
+
+void JsonWriter::setCoverage(const Coverage &coverage)
+{
+    if (!inReport || listsClosed)
+        return;
+    // A file without problems still has their list.
+    if (!inProblems)
+        addProblemsList();
+    closeLists();
+    out.appendLiteral(",\"coverage\":{\"fileSize\":");
+    out.appendUnsigned(coverage.fileSize);
+    out.appendLiteral(",\"parts\":{\"structure\":");
+    out.appendUnsigned(coverage.structure);
+    out.appendLiteral(",\"sampleData\":");
+    out.appendUnsigned(coverage.sampleData);
+    out.appendLiteral(",\"unreferencedMediaData\":");
+    out.appendUnsigned(coverage.unreferencedMediaData);
+    out.appendLiteral(",\"filler\":");
+    out.appendUnsigned(coverage.filler);
+    out.appendLiteral(",\"unknown\":");
+    out.appendUnsigned(coverage.unknown);
+    out.appendLiteral(",\"trailing\":");
+    out.appendUnsigned(coverage.trailing);
+    out.appendLiteral("}}");
+}
+
+void JsonWriter::addProblemsList()
+{
+    if (inStream)
+        endStream();
+    leaveElements();
+    out.appendLiteral("],\"problems\":[");
+    inProblems = true;
 }
 
 void JsonWriter::leaveElements()

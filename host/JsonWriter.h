@@ -53,6 +53,8 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addProblem(const Problem &problem) override;
+    void setCoverage(const Coverage &coverage) override;
 
 private:
     // What an open element still has to write when it closes.
@@ -82,6 +84,10 @@ private:
     void beginNode();
     // Closes the elements still open and the element list, and opens the stream list.
     void leaveElements();
+    // Closes the stream list and opens the problem list.
+    void addProblemsList();
+    // Closes whichever of the lists is open.
+    void closeLists();
 
     std::unique_ptr<OutputBuffer> ownBuffer;
     OutputBuffer &out;
@@ -98,4 +104,7 @@ private:
     bool hasStreams = false;
     bool inStream = false;
     bool streamHasSamples = false;
+    bool inProblems = false;
+    bool hasProblems = false;
+    bool listsClosed = false;
 };

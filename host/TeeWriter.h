@@ -98,6 +98,16 @@ public:
         for (ReportSink *sink : sinks)
             sink->endStream();
     }
+    void addProblem(const Problem &problem) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->addProblem(problem);
+    }
+    void setCoverage(const Coverage &coverage) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->setCoverage(coverage);
+    }
 
 private:
     std::vector<ReportSink *> sinks;

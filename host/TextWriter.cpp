@@ -57,6 +57,7 @@ void TextWriter::beginReport(const QString &fileName, quint64 fileSize)
     anyReport = true;
     inReport = true;
     inStream = false;
+    problemsBegun = false;
     depth = 0;
     text(fileName);
     out.appendLiteral(": ");
@@ -70,12 +71,69 @@ void TextWriter::endReport()
 {
     if (!inReport)
         return;
+    leaveStreams();
+    inReport = false;
+    out.flush();
+}
+
+void TextWriter::leaveStreams()
+{
     while (depth > 0)
         endElement();
     if (inStream)
         endStream();
-    inReport = false;
-    out.flush();
+}
+
+void TextWriter::addProblem(const Problem &problem)
+{
+    if (!inReport)
+        return;
+    leaveStreams();
+    if (!problemsBegun)
+        out.appendLiteral("problems:\n");
+    problemsBegun = true;
+    static const char *const severities[] = {"error  ", "warning", "info   "};
+    out.appendSpaces(2);
+    out.appendCString(severities[int(problem.severity)]);
+    out.put(' ');
+    text(problem.code);
+    out.appendLiteral(" @");
+    out.appendUnsigned(problem.offset);
+    out.appendLiteral(" +");
+    out.appendUnsigned(problem.size);
+    if (!problem.path.isEmpty()) {
+        out.put(' ');
+        text(problem.path);
+    }
+    out.appendLiteral(": ");
+    text(problem.message);
+    out.put('\n');
+}
+
+void TextWriter::setCoverage(const Coverage &coverage)
+{
+    if (!inReport)
+        return;
+    leaveStreams();
+    if (!problemsBegun)
+        out.appendLiteral("problems: none\n");
+    problemsBegun = true;
+    out.appendLiteral("coverage: ");
+    out.appendUnsigned(coverage.fileSize);
+    const struct {
+        const char *label;
+        quint64 bytes;
+    } parts[] = {{" bytes = structure ", coverage.structure},
+                 {" + sample data ", coverage.sampleData},
+                 {" + unreferenced media data ", coverage.unreferencedMediaData},
+                 {" + filler ", coverage.filler},
+                 {" + unknown ", coverage.unknown},
+                 {" + trailing ", coverage.trailing}};
+    for (const auto &part : parts) {
+        out.appendCString(part.label);
+        out.appendUnsigned(part.bytes);
+    }
+    out.put('\n');
 }
 
 void TextWriter::writePendingHeader()
@@ -321,10 +379,7 @@ void TextWriter::beginStream(int index, const StreamInfo &info)
 {
     if (!inReport)
         return;
-    while (depth > 0)
-        endElement();
-    if (inStream)
-        endStream();
+    leaveStreams();
     inStream = true;
     streamIndex = index;
     stream = info;

@@ -38,6 +38,8 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addProblem(const Problem &problem) override;
+    void setCoverage(const Coverage &coverage) override;
 
 private:
     struct OpenElement {
@@ -56,6 +58,8 @@ private:
     void beginChildLine();
     // A line of the innermost open element: its note or its value after a label.
     void writeElementLine(const char *label, const QString &value);
+    // Closes the elements and the stream still open, before what closes the report.
+    void leaveStreams();
     void writeStreamLine(bool withCount);
     void writeTrackFacts(const TrackFacts &facts);
     void writeSampleCount();
@@ -70,6 +74,7 @@ private:
     bool inReport = false;
     bool anyReport = false;
     bool inStream = false;
+    bool problemsBegun = false;
     int streamIndex = 0;
     StreamInfo stream;
     quint64 streamSamples = 0;

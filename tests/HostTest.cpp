@@ -99,7 +99,14 @@ void writeCraftedReport(ReportWriter &&writer)
     writer.setElementValue("v");
     writer.setElementNote("Unknown element!");
     writer.endElement();
-    writer.beginStream(0, StreamInfo{64, 48, 0, 28, 40, 9, "H.264", std::nullopt});
+    StreamInfo info;
+    info.width = 64;
+    info.height = 48;
+    info.codecId = 28;
+    info.configOffset = 40;
+    info.configSize = 9;
+    info.codecName = "H.264";
+    writer.beginStream(0, info);
     writer.addSample(0, Sample{48, 1000, 0, 512, 512, 1});
     writer.addSample(1, Sample{~0ULL, 1000, 0, 512, 512, 0});
     writer.endStream();
@@ -133,6 +140,9 @@ TEST(Host, ExitStatusesAndMessages)
     ASSERT_TRUE(writeFile(broken, "not a shared library"));
     const QString ok = "Container format:\tMP4\n";
     const QString report = dir.filePath("report.json");
+    // Media data and no movie: a problem of severity error.
+    const QString damaged = dir.filePath("damaged.mp4");
+    ASSERT_TRUE(writeFile(damaged, QByteArray::fromHex("000000106d6461740000000000000000")));
     const struct {
         QStringList arguments;
         int exitCode;
@@ -156,6 +166,9 @@ TEST(Host, ExitStatusesAndMessages)
         // The worst problem of several files decides; a report that cannot be written does not
         // stop the files behind it.
         {{"no.mp4", movie, SampleFile}, 3, "sarvelinth: no.mp4: no such file\nsarvelinth: " + movie + ": not a supported...\n" + ok},
+        // With --check a problem of severity error gives 4, unless something worse happened.
+        {{"--check", SampleFile, damaged}, 4, ok + ok},
+        {{"--check", damaged, "no.mp4"}, 1, ok + "sarvelinth: no.mp4: no such file\n"},
         {{"-o", "/dev/full", SampleFile, "no.mp4", SampleFile}, 1, ok + "sarvelinth: no.mp4: no such file\n" + ok + "sarvelinth: /dev/full: cannot write the report: No space left on device\n"},
         {{"--plugin-dir", none, SampleFile}, 3, "sarvelinth: " + broken + ": ...\nsarvelinth: no container plugins found in " + none + "\n..."},
         // clang-format on

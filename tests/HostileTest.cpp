@@ -44,13 +44,14 @@ struct CheckedRun {
 };
 
 // Parses the input through a CheckingSink that records instead of aborting, passing the
-// report on to next when given; with deep analysis when deep is set.
+// report on to next when given; with deep analysis and the checks when deep is set.
 CheckedRun parseChecked(const QByteArray &input, ReportSink *next = nullptr, bool deep = false)
 {
     CheckingSink sink(CheckingSink::Record, next);
     TestParser parser;
     ContainerAbstract::Settings settings;
     settings.deepAnalysis = deep;
+    settings.checkProblems = deep;
     parser.configure(settings);
     parser.parseBytes(QStringLiteral("test.mp4"), input, sink);
     return {sink.nodes(), sink.samples, sink.maxDepth,

@@ -178,6 +178,22 @@ QString avcLevel(quint64 level)
     return level == 9 ? QStringLiteral("level 1b") : levelText(level / 10, level % 10);
 }
 
+// The chroma format and the bit depths of luma and chroma, as avcC and hvcC both carry them:
+// three bytes, each behind reserved bits.
+void chromaAndBitDepths(PayloadReader &box, const char *chromaName)
+{
+    const quint64 chromaFormat = box.peekUnsigned(1) & 3;
+    PayloadReader::Bits chroma = box.bits(1);
+    chroma.field("reserved", 6);
+    chroma.field(chromaName, 2, nameOf(ChromaFormats, chromaFormat));
+    PayloadReader::Bits luma = box.bits(1);
+    luma.field("reserved", 5);
+    luma.field("bit_depth_luma_minus8", 3);
+    PayloadReader::Bits chromaDepth = box.bits(1);
+    chromaDepth.field("reserved", 5);
+    chromaDepth.field("bit_depth_chroma_minus8", 3);
+}
+
 // A parameter set of avcC: its length, then its NAL unit, whose header is decoded and, for
 // a sequence parameter set, the profile, constraint flags and level in front of its body.
 void avcParameterSet(PayloadReader &box, const QString &group, quint32 index,
@@ -234,16 +250,7 @@ int parseAvcConfiguration(PayloadReader &box)
     // sequence parameter sets; older writers leave them out.
     const bool high = profile == 100 || profile == 110 || profile == 122 || profile == 144;
     if (high && box.left() > 0) {
-        const QString format = nameOf(ChromaFormats, box.peekUnsigned(1) & 3);
-        PayloadReader::Bits chroma = box.bits(1);
-        chroma.field("reserved", 6);
-        chroma.field("chroma_format", 2, format);
-        PayloadReader::Bits luma = box.bits(1);
-        luma.field("reserved", 5);
-        luma.field("bit_depth_luma_minus8", 3);
-        PayloadReader::Bits chromaDepth = box.bits(1);
-        chromaDepth.field("reserved", 5);
-        chromaDepth.field("bit_depth_chroma_minus8", 3);
+        chromaAndBitDepths(box, "chroma_format");
         const quint8 extensionCount = box.u8("num_of_sequence_parameter_set_ext");
         const QString extension = QStringLiteral("sequence_parameter_set_ext");
         for (quint32 i = 0; i < extensionCount && box.ok() && box.available() >= 2; ++i)
@@ -274,16 +281,7 @@ int parseHevcConfiguration(PayloadReader &box)
     PayloadReader::Bits parallelism = box.bits(1);
     parallelism.field("reserved", 6);
     parallelism.field("parallelism_type", 2, parallelismType);
-    const quint64 chromaFormat = box.peekUnsigned(1) & 3;
-    PayloadReader::Bits chroma = box.bits(1);
-    chroma.field("reserved", 6);
-    chroma.field("chroma_format_idc", 2, nameOf(ChromaFormats, chromaFormat));
-    PayloadReader::Bits luma = box.bits(1);
-    luma.field("reserved", 5);
-    luma.field("bit_depth_luma_minus8", 3);
-    PayloadReader::Bits chromaDepth = box.bits(1);
-    chromaDepth.field("reserved", 5);
-    chromaDepth.field("bit_depth_chroma_minus8", 3);
+    chromaAndBitDepths(box, "chroma_format_idc");
     box.u16("avg_frame_rate", QStringLiteral("frames in 256 s; 0: not given"));
     const quint64 rates = box.peekUnsigned(1);
     PayloadReader::Bits layers = box.bits(1);

@@ -19,7 +19,7 @@ constexpr int DeepContainer = 7;
 constexpr int DeepPlain = 8;
 
 // The families of the deep vocabulary, one file each.
-DeepRows trackStructureRows();     // the boxes that lead to the samples: headers, tables, edits
+DeepRows handlerRows();            // hdlr, with QuickTime's component types
 DeepRows sampleTableRows();        // ctts and the other tables beside the basic ones
 DeepRows fragmentRows();           // movie fragments: mvex, moof and what they hold
 DeepRows codecConfigurationRows(); // decoder configurations, the descriptors of esds and iods

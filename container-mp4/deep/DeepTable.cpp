@@ -5,7 +5,7 @@
 void ContainerMP4::addDeepRows()
 {
     for (const DeepRows &family : {
-             trackStructureRows(),
+             handlerRows(),
              sampleTableRows(),
              fragmentRows(),
              codecConfigurationRows(),
@@ -23,6 +23,7 @@ void ContainerMP4::addDeepRows()
             auto *element = new ElementMP4(row.elementType, row.fullBox,
                                            basic ? basic->handler : nullptr, QString(), QString());
             element->deepParser = row.parser;
+            element->noted = basic ? basic->noted : NotedBox::None;
             delete basic;
             elements.insert(type, element);
         }

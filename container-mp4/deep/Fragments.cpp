@@ -97,10 +97,21 @@ int parseMovieFragment(PayloadReader &box)
     return box.walkChildren();
 }
 
+// mfhd: the fragments count on from 1, one by one; a fragment that does not follow the one
+// before it tells of a fragment lost or out of place.
 int parseMovieFragmentHeader(PayloadReader &box)
 {
-    box.u32("sequence_number");
+    const quint32 sequence = box.u32("sequence_number");
     box.rest();
+    std::optional<quint32> &last = box.deep()->lastSequenceNumber;
+    if (box.ok() && last && sequence != *last + 1)
+        box.problem("fragment-sequence-gap", Severity::Warning,
+                    QStringLiteral("the fragment's sequence number is %1, where %2 follows the "
+                                   "fragment before it")
+                        .arg(sequence)
+                        .arg(quint64(*last) + 1));
+    if (box.ok())
+        last = sequence;
     return ContainerAbstract::ParseOk;
 }
 
@@ -239,8 +250,11 @@ int parseTrackRun(PayloadReader &box)
     run.origin.moofOffset = walk.moofOffset;
     run.origin.traf = walk.trafCount;
     run.origin.trun = walk.trunCount++;
+    run.dataSize = dataSize;
+    run.path = box.path();
     walk.dataEnd = run.dataOffset + dataSize;
-    box.deep()->track(walk.stream).runs.push_back(run);
+    if (TrackContext *track = box.track())
+        track->runs.push_back(run);
     return ContainerAbstract::ParseOk;
 }
 

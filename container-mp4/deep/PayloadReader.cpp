@@ -466,10 +466,15 @@ int PayloadReader::walkChildren()
 
 int PayloadReader::walkChildrenOf(const QString &parentType)
 {
-    parser.boxPath.append(parentType);
+    parser.enterBox(parentType);
     const int result = walkChildren();
-    parser.boxPath.removeLast();
+    parser.leaveBox();
     return result;
+}
+
+void PayloadReader::problem(const char *code, Severity severity, const QString &message)
+{
+    parser.noteProblem(code, severity, start, end() - start, message, parser.pathText());
 }
 
 int PayloadReader::parseBasic()
@@ -485,7 +490,12 @@ int PayloadReader::streamOfTrack(quint32 trackId)
 {
     for (int stream = 0; stream < parser.streams.size(); ++stream) {
         const std::optional<TrackFacts> &facts = parser.streams[stream]->track;
-        if (facts && facts->trackId == trackId)
+        const quint32 id =
+            facts && facts->trackId != 0
+                ? facts->trackId
+                : TrackBoxes::trackId(parser.input,
+                                      parser.trackContexts[size_t(stream)].trackHeader);
+        if (id == trackId)
             return stream;
     }
     const int stream = parser.beginTrack();
@@ -532,10 +542,10 @@ TrackContext *PayloadReader::track() const
     if (!parser.deep)
         return nullptr;
     if (stream())
-        return &parser.deep->track(int(parser.streams.size()) - 1);
+        return &parser.trackContexts.back();
     // Inside a track fragment whose header named its track.
     const FragmentWalk &fragment = parser.deep->fragment;
     if (fragment.inTraf && fragment.stream >= 0)
-        return &parser.deep->track(fragment.stream);
+        return &parser.trackContexts[size_t(fragment.stream)];
     return nullptr;
 }

@@ -132,6 +132,9 @@ public:
     // fields.
     void beginGroup(const QString &name, qint64 index, quint64 size);
     void endGroup();
+    // A problem of this box, for the checks.
+    void problem(const char *code, Severity severity, const QString &message);
+
     // A number of a list of like fields, at its place in the list.
     quint64 listField(const QString &name, int bytes, qint64 index);
 
@@ -140,6 +143,8 @@ public:
     // The same for the children of a box that the walker does not walk itself, such as a
     // sample entry: the children see a box of parentType as their parent.
     int walkChildrenOf(const QString &parentType);
+    // Boxes walked with walkChildrenOf from here on are siblings, counted from the first.
+    void beginSiblings() { parser.beginSiblings(); }
     // Runs the basic parser of the box's type over the whole payload, so that the box is
     // reported as without deep analysis; the reading ends. Nothing without one.
     int parseBasic();
@@ -161,6 +166,8 @@ public:
     quint32 typeCode() const;
     // The type of the box around this one; empty at the top level.
     QString parentType() const;
+    // The path of this box, such as "moov/trak[1]/mdia".
+    QString path() const { return parser.pathText(); }
     int valueBase() const { return parser.valueBase; }
     // What deep analysis gathers of the file.
     DeepAnalysis *deep() const { return parser.deep.get(); }

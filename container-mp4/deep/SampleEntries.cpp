@@ -128,6 +128,17 @@ void parseAudioFields(PayloadReader &entry, bool first)
     }
 }
 
+// The box of a text entry where its text is shown: edges in pixels.
+void textBox(PayloadReader &entry)
+{
+    entry.beginGroup(QStringLiteral("default_text_box"), -1, 8);
+    entry.i16("top");
+    entry.i16("left");
+    entry.i16("bottom");
+    entry.i16("right");
+    entry.endGroup();
+}
+
 void parseTimedTextFields(PayloadReader &entry, bool)
 {
     entry.u32("display_flags");
@@ -136,12 +147,7 @@ void parseTimedTextFields(PayloadReader &entry, bool)
     entry.signedField(QStringLiteral("vertical_justification"), 1,
                       QStringLiteral("0: top, 1: centre, -1: bottom"));
     entry.raw("background_color_rgba", 4);
-    entry.beginGroup(QStringLiteral("default_text_box"), -1, 8);
-    entry.i16("top");
-    entry.i16("left");
-    entry.i16("bottom");
-    entry.i16("right");
-    entry.endGroup();
+    textBox(entry);
     entry.beginGroup(QStringLiteral("default_style"), -1, 12);
     entry.u16("start_char");
     entry.u16("end_char");
@@ -160,12 +166,7 @@ void parseQuickTimeTextFields(PayloadReader &entry, bool)
     entry.u32("display_flags");
     entry.i32("text_justification", QStringLiteral("0: left, 1: centre, -1: right"));
     entry.raw("background_color", 6, QStringLiteral("RGB"));
-    entry.beginGroup(QStringLiteral("default_text_box"), -1, 8);
-    entry.i16("top");
-    entry.i16("left");
-    entry.i16("bottom");
-    entry.i16("right");
-    entry.endGroup();
+    textBox(entry);
     entry.raw("reserved", 8);
     if (beginsBox(entry))
         return;
@@ -335,6 +336,8 @@ int parseSampleDescription(PayloadReader &box)
     const QString handler = box.facts() ? box.facts()->handlerType : QString();
     const QString name = QStringLiteral("sample_entry");
     int result = ContainerAbstract::ParseOk;
+    // The entries are siblings: a second entry of a type is named with its place.
+    box.beginSiblings();
     for (quint32 i = 0; i < count && box.available() >= 8; ++i) {
         const quint64 declared = box.peekUnsigned(4);
         const quint64 left = box.left();

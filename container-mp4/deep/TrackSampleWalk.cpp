@@ -17,11 +17,8 @@ constexpr size_t MaxEditsApplied = 256;
 class SampleSizes {
 public:
     SampleSizes(InputDevice &input, const TrackContext &track)
-        : fieldBits(track.compactFieldSize)
-        , entries(input, track.sampleSizes, 8,
-                  fieldBits == 16  ? 2
-                  : fieldBits == 0 ? 4
-                                   : 1)
+        : fieldBits(compactFieldBits(input, track))
+        , entries(input, track.sampleSizes, 8, entryWidth(fieldBits))
     {
         TableCursor header(input, track.sampleSizes, 0, 8);
         if (const unsigned char *words = header.next()) {
@@ -29,6 +26,23 @@ public:
             if (fieldBits == 0)
                 constant = quint32(TableCursor::number(words, 0, 4));
         }
+    }
+
+    // The bits per entry of stz2, in the low byte of its first word; 0 for stsz.
+    static quint32 compactFieldBits(InputDevice &input, const TrackContext &track)
+    {
+        if (!track.compactSampleSizes)
+            return 0;
+        TableCursor header(input, track.sampleSizes, 0, 4);
+        const unsigned char *word = header.next();
+        return word ? quint32(word[3]) : 0;
+    }
+
+    // The bytes a cursor takes per step: four of stsz, one or two of stz2 (two sizes of 4 bits
+    // share a byte).
+    static quint64 entryWidth(quint32 fieldBits)
+    {
+        return fieldBits == 0 ? 4 : fieldBits == 16 ? 2 : 1;
     }
 
     quint64 count() const { return total; }
@@ -145,21 +159,25 @@ private:
 // movie's timeline, in the track's time units.
 class EditMap {
 public:
-    EditMap(const TrackContext &track, quint32 movieTimescale, quint32 trackTimescale)
-        : listed(track.hasEditList)
+    EditMap(InputDevice &input, const TrackContext &track, quint32 movieTimescale,
+            quint32 trackTimescale)
+        : listed(track.editList.present && track.editList.version <= 1)
     {
         if (!listed)
             return;
+        // One edit more than are applied tells whether the last applied is the last.
+        const std::vector<Edit> edits =
+            TrackBoxes::edits(input, track.editList, MaxEditsApplied + 1);
+        const size_t count = std::min(edits.size(), MaxEditsApplied);
         // Each edit's span of media time and where it starts on the movie's timeline, both
         // in track units.
         unsigned __int128 start = 0;
-        const size_t count = std::min(track.edits.size(), MaxEditsApplied);
         for (size_t i = 0; i < count; ++i) {
-            const Edit &edit = track.edits[i];
+            const Edit &edit = edits[i];
             if (movieTimescale == 0)
                 break;
             // A last edit of duration 0 lasts as long as the media.
-            const bool open = edit.segmentDuration == 0 && i + 1 == track.edits.size();
+            const bool open = edit.segmentDuration == 0 && i + 1 == edits.size();
             const unsigned __int128 length =
                 (unsigned __int128)edit.segmentDuration * trackTimescale / movieTimescale;
             if (edit.mediaTime >= 0)
@@ -207,6 +225,11 @@ struct TrackWalk {
     const EditMap &edits;
     quint64 &samplesLeft; // of all tracks together
     std::function<void(quint64 index, const TrackSample &sample)> report;
+    // The checks of the runs: their decoding times and where their data lies.
+    std::function<void(const char *code, Severity severity, const FragmentRun &run,
+                       const QString &message)>
+        problem;
+    const std::vector<TableBox> &mediaData; // the payloads of mdat, in file order
     quint64 index = 0;
     qint64 dts = 0; // of the next sample
 
@@ -266,12 +289,40 @@ struct TrackWalk {
         }
     }
 
+    // A run whose tfdt does not go on from the samples before it leaves a gap in the track's
+    // time or goes back in it; a run whose data is not inside the payload of an mdat points
+    // at something other than media.
+    void checkRun(const FragmentRun &run)
+    {
+        if (run.baseMediaDecodeTime && index > 0 && qint64(*run.baseMediaDecodeTime) != dts)
+            problem("tfdt-discontinuity", Severity::Warning, run,
+                    QStringLiteral("tfdt gives the run a decoding time of %1, where the samples "
+                                   "before it end at %2")
+                        .arg(*run.baseMediaDecodeTime)
+                        .arg(dts));
+        if (run.dataSize == 0 || mediaData.empty())
+            return;
+        const quint64 end = run.dataOffset + run.dataSize;
+        const auto inside =
+            std::find_if(mediaData.begin(), mediaData.end(), [&](const TableBox &box) {
+                return run.dataOffset >= box.offset && end >= run.dataOffset &&
+                       end <= box.offset + box.size;
+            });
+        if (inside == mediaData.end())
+            problem("trun-data-past-mdat", Severity::Error, run,
+                    QStringLiteral("the run's %1 bytes of data at offset %2 do not lie inside the "
+                                   "payload of an mdat box")
+                        .arg(run.dataSize)
+                        .arg(run.dataOffset));
+    }
+
     // The samples of the movie fragments, run after run, in file order. A run that follows a
     // tfdt starts at its decoding time; any other goes on from the sample before it.
     void walkFragments()
     {
         TrackSample sample;
         for (const FragmentRun &run : track.runs) {
+            checkRun(run);
             if (run.baseMediaDecodeTime)
                 dts = qint64(*run.baseMediaDecodeTime);
             const bool hasDuration = run.flags & 0x100;
@@ -279,8 +330,9 @@ struct TrackWalk {
             const bool hasFlags = run.flags & 0x400;
             const bool hasOffset = run.flags & 0x800;
             const quint64 entrySize = 4 * quint64(hasDuration + hasSize + hasFlags + hasOffset);
-            TableCursor entries(input, TableBox{run.entries, entrySize * run.sampleCount, 0, true},
-                                0, entrySize);
+            TableCursor entries(
+                input, TableBox{run.entries, entrySize * run.sampleCount, 0, true, QString()}, 0,
+                entrySize);
             sample.offset = run.dataOffset;
             sample.fragment = run.origin;
             for (quint32 i = 0; i < run.sampleCount && samplesLeft > 0; ++i) {
@@ -318,16 +370,32 @@ struct TrackWalk {
 // it. All tracks together report at most one sample per input byte.
 void ContainerMP4::walkTrackSamples()
 {
+    const quint32 movieTimescale = TrackBoxes::timescale(input, movieHeader);
     quint64 samplesLeft = quint64(input.size());
     for (int stream = 0; stream < streams.size(); ++stream) {
         enableSampleOutput(stream);
-        const TrackContext &track = deep->track(stream);
-        const quint32 timescale = streams[stream]->track ? streams[stream]->track->timescale : 0;
-        const EditMap edits(track, deep->movieTimescale, timescale);
-        TrackWalk walk{input, track, edits, samplesLeft,
+        const TrackContext &track = trackContexts[size_t(stream)];
+        // The facts of the headers; a track known from its fragments only has its track_ID.
+        TrackFacts &facts =
+            streams[stream]->track ? *streams[stream]->track : streams[stream]->track.emplace();
+        if (track.trackHeader.present)
+            facts.trackId = TrackBoxes::trackId(input, track.trackHeader);
+        facts.timescale = TrackBoxes::timescale(input, track.mediaHeader);
+        facts.duration = TrackBoxes::duration(input, track.mediaHeader);
+        facts.language = TrackBoxes::language(input, track.mediaHeader);
+        const EditMap edits(input, track, movieTimescale, facts.timescale);
+        TrackWalk walk{input,
+                       track,
+                       edits,
+                       samplesLeft,
                        [this, stream](quint64 index, const TrackSample &sample) {
                            reportTrackSample(stream, index, sample);
-                       }};
+                       },
+                       [this](const char *code, Severity severity, const FragmentRun &run,
+                              const QString &message) {
+                           noteProblem(code, severity, run.origin.moofOffset, 0, message, run.path);
+                       },
+                       mediaDataBoxes};
         walk.walkTables();
         walk.walkFragments();
     }

@@ -43,6 +43,7 @@ private:
 // samples of every track in a way of its own (deep/TrackSampleWalk.cpp).
 void ContainerMP4::finalizeParsing()
 {
+    checkTracks();
     if (deep) {
         walkTrackSamples();
         return;

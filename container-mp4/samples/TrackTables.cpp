@@ -14,6 +14,8 @@ int ContainerMP4::beginTrack()
     for (TableList list : TableLists)
         (this->*list).append(nullptr);
     syncTableSeen.append(false);
+    trackContexts.emplace_back();
+    streams[stream]->boxPath = pathText();
     currentTrackType = OtherTrack;
     return stream;
 }
@@ -22,6 +24,53 @@ void ContainerMP4::endTrack(int stream)
 {
     if (currentTrackType == VideoTrack)
         enableSampleOutput(stream);
+}
+
+void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
+{
+    if (kind == NotedBox::None)
+        return;
+    const TableBox box{payload, size, boxVersion, true, pathText()};
+    if (kind == NotedBox::MovieHeader)
+        movieHeader = box;
+    if (kind == NotedBox::MediaData)
+        mediaDataBoxes.push_back(box);
+    if (kind == NotedBox::MovieHeader || kind == NotedBox::MediaData || openTrakBoxes == 0)
+        return;
+    TrackContext &track = trackContexts.back();
+    switch (kind) {
+    case NotedBox::TrackHeader:
+        track.trackHeader = box;
+        break;
+    case NotedBox::MediaHeader:
+        track.mediaHeader = box;
+        break;
+    case NotedBox::EditList:
+        track.editList = box;
+        break;
+    case NotedBox::TimeToSample:
+        track.timeToSample = box;
+        break;
+    case NotedBox::SampleToChunk:
+        track.sampleToChunk = box;
+        break;
+    case NotedBox::SampleSizes:
+        track.sampleSizes = box;
+        track.compactSampleSizes = false;
+        break;
+    case NotedBox::ChunkOffsets:
+    case NotedBox::ChunkOffsets64:
+        track.chunkOffsets = box;
+        track.chunkOffsetWidth = kind == NotedBox::ChunkOffsets ? 4 : 8;
+        break;
+    case NotedBox::SyncSamples:
+        track.syncSamples = box;
+        break;
+    case NotedBox::None:
+    case NotedBox::MovieHeader:
+    case NotedBox::MediaData:
+        break;
+    }
 }
 
 QIODevice *ContainerMP4::recordingDevice(TableList list)

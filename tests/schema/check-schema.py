@@ -32,6 +32,8 @@ def documents(arguments):
 
 failures = 0
 runs = [["--format", "json", "--deep", *map(str, files)],
+        ["--format", "json", "--check", *map(str, files)],
+        ["--format", "json", "--check", "--deep", str(files[0])],
         ["--format", "json", "--deep", "--value-base", "16", str(files[0])],
         ["--format", "json", *[str(f) for f in files if f.suffix == ".mp4"], "missing.mp4"]]
 lines = [line for arguments in runs for line in documents(arguments).splitlines()]
@@ -39,6 +41,10 @@ page = documents(["--format", "html", "--deep", str(files[0])])
 lines += re.findall(r'<script type="application/json" class="report">(.*?)</script>', page, re.S)
 for line in lines:
     document = json.loads(line)
+    # The parts of the coverage add up to the file's size.
+    if "coverage" in document and sum(document["coverage"]["parts"].values()) != document["fileSize"]:
+        failures += 1
+        print(f"{document['file']}: the parts of the coverage do not add up to the file size")
     for error in validator.iter_errors(document):
         failures += 1
         print(f"{document.get('file')}: {error.json_path}: {error.message}"[:400])

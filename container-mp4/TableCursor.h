@@ -1,7 +1,7 @@
 #pragma once
 
-#include "DeepAnalysis.h"
 #include "InputDevice.h"
+#include "samples/TrackContext.h"
 
 #include <QtGlobal>
 

@@ -1,0 +1,224 @@
+// The checks: crafted and damaged files, each with the problems it must give, compared whole
+// with tests/golden/Checks/problems.txt; a real file cut at every box boundary; the real files,
+// which must give no error and no warning; and where the bytes of a file went.
+
+#include "TrackSupport.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+using namespace bytes;
+using namespace tracks;
+
+namespace {
+
+const QString SourceDir = QStringLiteral(SARVELINTH_SOURCE_DIR);
+
+ReportTree checked(const QByteArray &input, bool deep = false)
+{
+    ContainerAbstract::Settings settings;
+    settings.checkProblems = true;
+    settings.deepAnalysis = deep;
+    return parseReport(input, settings);
+}
+
+// One line per problem: severity code @offset+size path: message; then the coverage.
+QString problemsOf(const ReportTree &report)
+{
+    static const char *const severities[] = {"error", "warning", "info"};
+    QString text;
+    for (const Problem &problem : report.problems)
+        text += QStringLiteral("%1 %2 @%3+%4 %5: %6\n")
+                    .arg(QLatin1String(severities[int(problem.severity)]), problem.code)
+                    .arg(problem.offset)
+                    .arg(problem.size)
+                    .arg(problem.path, problem.message);
+    if (const std::optional<Coverage> &c = report.coverage)
+        text += QStringLiteral("coverage %1 = %2 + %3 + %4 + %5 + %6 + %7\n")
+                    .arg(c->fileSize)
+                    .arg(c->structure)
+                    .arg(c->sampleData)
+                    .arg(c->unreferencedMediaData)
+                    .arg(c->filler)
+                    .arg(c->unknown)
+                    .arg(c->trailing);
+    return text;
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QByteArray mvhd()
+{
+    return fullBox("mvhd", 0, 0, words32({0, 0, 1000, 100}) + zeros(80));
+}
+
+// A video track of time scale 100 with an mdhd of the given duration and these tables; a
+// tkhd and the handler in front.
+QByteArray videoTrack(const QByteArray &tables, quint32 duration = 30, const QByteArray &edits = {})
+{
+    const QByteArray tkhd = fullBox("tkhd", 0, 0, words32({0, 0, 1, 0, 0}) + zeros(60));
+    const QByteArray mdhd =
+        fullBox("mdhd", 0, 0, words32({0, 0, 100, duration}) + u16(0x55C4) + u16(0));
+    return box("trak",
+               tkhd + edits +
+                   box("mdia", cat({mdhd, handlerBox("vide"), box("minf", box("stbl", tables))})));
+}
+
+QByteArray stsd()
+{
+    return fullBox("stsd", 0, 0, u32(0));
+}
+
+// A whole movie: ftyp, an mdat of 24 bytes at 20 (its payload at 28), and a moov of one track
+// whose three samples of 8 bytes fill the mdat.
+QByteArray movie(const QByteArray &tables, const QByteArray &moovExtra = {}, quint32 duration = 30,
+                 const QByteArray &edits = {})
+{
+    return cat({box("ftyp", text("isom") + u32(0) + text("isom")), box("mdat", zeros(24)),
+                box("moov", mvhd() + videoTrack(tables, duration, edits) + moovExtra)});
+}
+
+QByteArray goodTables()
+{
+    return cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 3, 1}}), stszConstant(8, 3),
+                counted("stco", {28}), counted("stss", {1})});
+}
+
+TEST(Checks, EachDamageGivesItsProblems)
+{
+    const QByteArray good = movie(goodTables());
+    const std::pair<const char *, QByteArray> cases[] = {
+        {"a movie without damage", good},
+        // Structure.
+        {"cut short inside the movie", good.left(good.size() - 30)},
+        {"a child grown past its parent",
+         cat({box("moov", mvhd() + u32(200) + text("udta") + zeros(8)), box("free", zeros(200))})},
+        {"a size below the header and bytes that form no box",
+         cat({box("ftyp", text("isom") + u32(0)), u32(5) + text("free") + zeros(4)})},
+        {"bytes at the end that form no box", good + QByteArray("\x00\x01\x02", 3)},
+        {"two mvhd and an unknown box", movie(goodTables(), mvhd() + box("zzzz", zeros(4)))},
+        {"a track without its sample description, a short hdlr and a short mvhd",
+         cat({box("ftyp", text("isom") + u32(0)), box("mdat", zeros(24)),
+              box("moov", cat({fullBox("mvhd", 0, 0, zeros(20)),
+                               box("trak", box("mdia", fullBox("hdlr", 0, 0, zeros(8))))}))})},
+        {"no ftyp in front and no movie for the media", box("mdat", zeros(8))},
+        // Sample tables.
+        {"stsz count raised by one",
+         movie(cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 3, 1}}),
+                    stszConstant(8, 4), counted("stco", {28})}))},
+        {"a chunk offset moved past the end",
+         movie(cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 3, 1}}),
+                    stszConstant(8, 3), counted("stco", {5000})}))},
+        {"stsc first chunk 0, samples per chunk 0 and a chunk past the last",
+         movie(cat({stsd(), table("stts", {{3, 10}}),
+                    table("stsc", {{0, 1, 1}, {2, 0, 1}, {9, 1, 1}}), stszConstant(8, 3),
+                    counted("stco", {28, 36, 44})}))},
+        {"stss entry 0, past the count and going back",
+         movie(cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 3, 1}}),
+                    stszConstant(8, 3), counted("stco", {28}), counted("stss", {0, 2, 1, 9})}))},
+        {"samples on top of each other, a sample without bytes and chunks out of order",
+         movie(cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 1, 1}}), stsz({8, 8, 0}),
+                    counted("stco", {36, 32, 44})}))},
+        {"a count the box cannot hold",
+         movie(cat({stsd(), fullBox("stts", 0, 0, words32({5, 3, 10})), table("stsc", {{1, 3, 1}}),
+                    stszConstant(8, 3), counted("stco", {28})}))},
+        {"mdhd duration and an edit past the media",
+         movie(goodTables(), {}, 90,
+               box("edts", fullBox("elst", 0, 0, words32({1, 500, 0, 0x10000}))))},
+    };
+    QString all;
+    for (const auto &[name, input] : cases)
+        all += QStringLiteral("== ") + QLatin1String(name) + '\n' + problemsOf(checked(input));
+    expectGolden(QStringLiteral("Checks/problems"), all);
+}
+
+// Movie fragments, with deep analysis: a gap in the sequence numbers, a tfdt that does not go
+// on from the samples before it, and a run whose data is not in an mdat.
+TEST(Checks, FragmentDamageGivesItsProblems)
+{
+    const auto traf = [](quint32 decodeTime, quint32 dataOffset) {
+        return box("traf", cat({fullBox("tfhd", 0, 0x20038, words32({1, 10, 8, 0})),
+                                fullBox("tfdt", 0, 0, u32(decodeTime)),
+                                fullBox("trun", 0, 0x1, words32({2, dataOffset}))}));
+    };
+    const auto moof = [&](quint32 sequence, quint32 decodeTime, quint32 dataOffset) {
+        return box("moof", fullBox("mfhd", 0, 0, u32(sequence)) + traf(decodeTime, dataOffset));
+    };
+    const QByteArray init =
+        cat({box("ftyp", text("iso6") + u32(0) + text("iso6")),
+             box("moov", mvhd() +
+                             videoTrack(cat({stsd(), table("stts", {}), table("stsc", {}),
+                                             stszConstant(0, 0), counted("stco", {})}),
+                                        0) +
+                             box("mvex", fullBox("trex", 0, 0, words32({1, 1, 0, 0, 0}))))});
+    // Each moof is 96 bytes, and its data begins 104 bytes in, behind the header of its mdat.
+    const QByteArray fragments =
+        cat({moof(1, 0, 104), box("mdat", zeros(16)), moof(3, 50, 104), box("mdat", zeros(16)),
+             moof(4, 40, 500), box("mdat", zeros(16))});
+    expectGolden(QStringLiteral("Checks/fragment-problems"),
+                 problemsOf(checked(init + fragments, true)));
+}
+
+// The sample cut at every boundary of its boxes: every box that the cut leaves unfinished, and
+// only those, reaches past the end of the file.
+TEST(Checks, EveryCutAtABoxBoundaryIsFoundWhereItIs)
+{
+    const QByteArray whole = readFile(SourceDir + "/samples/sample.mp4");
+    const ReportTree full = parseReport(whole);
+    std::vector<std::pair<quint64, quint64>> boxes;
+    std::function<void(const ReportTree::Node &)> collect = [&](const ReportTree::Node &node) {
+        for (const auto &child : node.children) {
+            if (child->kind == ReportTree::Node::Element && !child->children.empty() &&
+                child->children[0]->name == "size") {
+                boxes.push_back({child->offset, child->size});
+                collect(*child);
+            }
+        }
+    };
+    collect(full.root);
+    for (const auto &[cut, ignored] : boxes) {
+        if (cut == 0)
+            continue;
+        QStringList expected, found;
+        for (const auto &[offset, size] : boxes) {
+            if (offset < cut && offset + size > cut)
+                expected << QString::number(offset);
+        }
+        for (const Problem &problem : checked(whole.left(int(cut))).problems) {
+            if (problem.code == "box-past-eof")
+                found << QString::number(problem.offset);
+        }
+        EXPECT_EQ(found, expected) << "cut at " << cut;
+    }
+}
+
+// The real files of the tests give no error and no warning, with or without deep analysis; and
+// the parts of their coverage add up to their size.
+TEST(Checks, RealFilesHaveNoErrorsOrWarnings)
+{
+    const QDir data(SourceDir + "/tests/data");
+    QStringList paths = {SourceDir + "/samples/sample.mp4"};
+    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
+        paths << data.filePath(name);
+    for (const QString &path : paths) {
+        for (const bool deep : {false, true}) {
+            SCOPED_TRACE((path + (deep ? " deep" : "")).toStdString());
+            const ReportTree report = checked(readFile(path), deep);
+            for (const Problem &problem : report.problems)
+                EXPECT_EQ(problem.severity, Severity::Info) << problem.message.toStdString();
+            ASSERT_TRUE(report.coverage);
+            const Coverage &c = *report.coverage;
+            EXPECT_EQ(c.structure + c.sampleData + c.unreferencedMediaData + c.filler + c.unknown +
+                          c.trailing,
+                      c.fileSize);
+        }
+    }
+}
+
+} // namespace
