@@ -4,6 +4,7 @@
 #include <QtGlobal>
 
 #include <optional>
+#include <vector>
 
 // The sample slot: the sample a parser is about to hand over.
 struct Sample {
@@ -108,15 +109,26 @@ struct ProblemCounts {
     quint64 infos = 0;
 };
 
-// Where every byte of a file went. The parts add up to the file's size.
-struct Coverage {
-    quint64 fileSize = 0;
+// Bytes of a file, or of a stretch of it, by where they went.
+struct CoverageParts {
     quint64 structure = 0;             // box headers, fields and payloads shown by position
     quint64 sampleData = 0;            // media data the samples reference, each byte once
     quint64 unreferencedMediaData = 0; // media data no sample references
     quint64 filler = 0;                // free, skip and the like
     quint64 unknown = 0;               // boxes of a type the parser does not know
     quint64 trailing = 0;              // bytes behind the last box that form no box
+};
+
+// Where every byte of a file went. The parts add up to the file's size.
+struct Coverage : CoverageParts {
+    // A map of the file has at most this many cells, whatever its length.
+    static constexpr quint64 MapCells = 1024;
+
+    quint64 fileSize = 0;
+    // The map: the parts of each stretch of cellSize bytes, in file order, the last one
+    // possibly shorter; each cell's parts add up to its length.
+    quint64 cellSize = 0;
+    std::vector<CoverageParts> cells;
 };
 
 // Why the parser did not read an element's content. Writers that keep a file's bytes keep

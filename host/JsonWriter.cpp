@@ -1,5 +1,7 @@
 #include "JsonWriter.h"
 
+#include <utility>
+
 namespace {
 const char *payloadText(Payload payload)
 {
@@ -310,20 +312,41 @@ void JsonWriter::setCoverage(const Coverage &coverage)
     if (!inProblems)
         addProblemsList();
     closeLists();
+    // The parts by their keys, in the order of the document.
+    static constexpr std::pair<const char *, quint64 CoverageParts::*> parts[] = {
+        {"structure", &CoverageParts::structure},
+        {"sampleData", &CoverageParts::sampleData},
+        {"unreferencedMediaData", &CoverageParts::unreferencedMediaData},
+        {"filler", &CoverageParts::filler},
+        {"unknown", &CoverageParts::unknown},
+        {"trailing", &CoverageParts::trailing}};
     out.appendLiteral(",\"coverage\":{\"fileSize\":");
     out.appendUnsigned(coverage.fileSize);
-    out.appendLiteral(",\"parts\":{\"structure\":");
-    out.appendUnsigned(coverage.structure);
-    out.appendLiteral(",\"sampleData\":");
-    out.appendUnsigned(coverage.sampleData);
-    out.appendLiteral(",\"unreferencedMediaData\":");
-    out.appendUnsigned(coverage.unreferencedMediaData);
-    out.appendLiteral(",\"filler\":");
-    out.appendUnsigned(coverage.filler);
-    out.appendLiteral(",\"unknown\":");
-    out.appendUnsigned(coverage.unknown);
-    out.appendLiteral(",\"trailing\":");
-    out.appendUnsigned(coverage.trailing);
+    char separator = '{';
+    out.appendLiteral(",\"parts\":");
+    for (const auto &[key, part] : parts) {
+        out.put(std::exchange(separator, ','));
+        out.put('"');
+        out.appendCString(key);
+        out.appendLiteral("\":");
+        out.appendUnsigned(coverage.*part);
+    }
+    out.appendLiteral("},\"map\":{\"cellSize\":");
+    out.appendUnsigned(coverage.cellSize);
+    for (const auto &[key, part] : parts) {
+        out.put(',');
+        out.put('"');
+        out.appendCString(key);
+        out.appendLiteral("\":");
+        separator = '[';
+        for (const CoverageParts &cell : coverage.cells) {
+            out.put(std::exchange(separator, ','));
+            out.appendUnsigned(cell.*part);
+        }
+        if (coverage.cells.empty())
+            out.put('[');
+        out.put(']');
+    }
     out.appendLiteral("}}");
 }
 
