@@ -27,19 +27,20 @@ namespace {
 
 const QString SourceDir = QStringLiteral(SARVELINTH_SOURCE_DIR);
 
-std::unique_ptr<ServeIndex> indexOf(const QString &path, bool deep = false)
+std::unique_ptr<ServeIndex> indexOf(const QString &path, bool deep = false, bool check = false)
 {
     auto index = std::make_unique<ServeIndex>();
     TestParser parser;
     ContainerAbstract::Settings settings;
     settings.deepAnalysis = deep;
+    settings.checkProblems = check;
     parser.configure(settings);
     index->setContainerName(QStringLiteral("MP4"));
     parser.parse(path, *index);
     return index;
 }
 
-QJsonObject jsonReportOf(const QString &path, bool deep = false)
+QJsonObject jsonReportOf(const QString &path, bool deep, bool check)
 {
     char *data = nullptr;
     size_t size = 0;
@@ -49,6 +50,7 @@ QJsonObject jsonReportOf(const QString &path, bool deep = false)
         TestParser parser;
         ContainerAbstract::Settings settings;
         settings.deepAnalysis = deep;
+        settings.checkProblems = check;
         parser.configure(settings);
         writer.setContainerName(QStringLiteral("MP4"));
         parser.parse(path, writer);
@@ -97,31 +99,44 @@ QJsonArray servedChildren(const ServeApi &api, const QString &file, qint64 id)
     }
 }
 
-class ServeFiles : public testing::TestWithParam<std::pair<const char *, bool>> {};
+struct ServedCase {
+    const char *name;
+    bool deep;
+    bool check;
+};
+class ServeFiles : public testing::TestWithParam<ServedCase> {};
 
-TEST_P(ServeFiles, TreeAndSamplesAreThoseOfTheJsonReport)
+TEST_P(ServeFiles, TreeSamplesAndProblemsAreThoseOfTheJsonReport)
 {
-    const auto [name, deep] = GetParam();
+    const auto [name, deep, check] = GetParam();
     const QString path = SourceDir + QLatin1Char('/') + QLatin1String(name);
-    const auto index = indexOf(path, deep);
+    const auto index = indexOf(path, deep, check);
     const ServeApi api(*index, QByteArray());
-    const QJsonObject report = jsonReportOf(path, deep);
+    const QJsonObject report = jsonReportOf(path, deep, check);
     const QString file = QStringLiteral("/api/v1/files/0");
 
     EXPECT_EQ(servedChildren(api, file, 0), report[QStringLiteral("elements")].toArray());
+    const QJsonObject facts =
+        get(api, QStringLiteral("/api/v1/files")).body[QStringLiteral("files")][0].toObject();
+    EXPECT_EQ(facts[QStringLiteral("coverage")], report[QStringLiteral("coverage")]);
+    if (check) {
+        const QJsonArray problems = report[QStringLiteral("problems")].toArray();
+        EXPECT_EQ(facts[QStringLiteral("problemCount")].toInteger(), problems.size());
+        EXPECT_EQ(get(api, file + QStringLiteral("/problems"), QStringLiteral("count=1000"))
+                      .body[QStringLiteral("problems")],
+                  problems);
+    }
     const QJsonArray streams = report[QStringLiteral("streams")].toArray();
-    const QJsonArray served = get(api, QStringLiteral("/api/v1/files"))
-                                  .body[QStringLiteral("files")][0][QStringLiteral("streams")]
-                                  .toArray();
+    const QJsonArray served = facts[QStringLiteral("streams")].toArray();
     ASSERT_EQ(served.size(), streams.size());
     for (qsizetype s = 0; s < streams.size(); ++s) {
         QJsonObject stream = streams[s].toObject();
         const QJsonArray samples = stream.take(QStringLiteral("samples")).toArray();
-        QJsonObject facts = served[s].toObject();
+        QJsonObject streamFacts = served[s].toObject();
         for (const char *key :
              {"deep", "sampleCount", "keyCount", "totalSize", "maxSize", "byTime", "xMin", "xMax"})
-            facts.remove(QLatin1String(key));
-        EXPECT_EQ(facts, stream);
+            streamFacts.remove(QLatin1String(key));
+        EXPECT_EQ(streamFacts, stream);
         QJsonArray listed;
         for (qint64 from = 0; from < samples.size(); from += 1000)
             for (const QJsonValue &sample :
@@ -135,9 +150,10 @@ TEST_P(ServeFiles, TreeAndSamplesAreThoseOfTheJsonReport)
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, ServeFiles,
-                         testing::Values(std::pair{"samples/sample.mp4", false},
-                                         std::pair{"tests/data/deep-h264-aac.mov", true},
-                                         std::pair{"tests/data/frag-empty-moov.mp4", true}));
+                         testing::Values(ServedCase{"samples/sample.mp4", false, false},
+                                         ServedCase{"samples/sample.mp4", false, true},
+                                         ServedCase{"tests/data/deep-h264-aac.mov", true, false},
+                                         ServedCase{"tests/data/frag-empty-moov.mp4", true, true}));
 
 TEST(Serve, RangesAtTheEdges)
 {
@@ -236,6 +252,9 @@ TEST(Serve, RefusesWhatItCannotAnswer)
         {"/api/v1/files/0/streams/0/chart", "from=5&to=5", 400, "to: must be greater than from"},
         {"/api/v1/files/0/streams/0/locate", "", 400, "x: missing"},
         {"/api/v1/files/0/search", "q=%20", 400, "q: from 1 to 256 characters"},
+        {"/api/v1/files/0/problems", "", 404,
+         SourceDir + QStringLiteral("/samples/sample.mp4 was not checked: start the server "
+                                    "with --check")},
     };
     for (const auto &test : cases) {
         const Reply reply = get(api, QLatin1String(test.path), QLatin1String(test.query));

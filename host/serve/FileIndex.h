@@ -131,6 +131,10 @@ public:
     QString problem() const;
     quint64 elementCount() const { return nextId; }
     const std::vector<Stream> &streams() const { return streamList; }
+    // What checks found, when the report was checked: the problems (as many as the checks
+    // keep) and where the bytes of the file went.
+    const std::vector<Problem> &problems() const { return problemList; }
+    const std::optional<Coverage> &coverage() const { return coverageValue; }
 
     // The escaped JSON text of a reference.
     QByteArray text(quint64 reference) const;
@@ -173,6 +177,8 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addProblem(const Problem &problem) override { problemList.push_back(problem); }
+    void setCoverage(const Coverage &coverage) override { coverageValue = coverage; }
 
 private:
     // A child as the child files hold it, in 32 bytes; one whose size, index or texts do not
@@ -242,4 +248,7 @@ private:
     Spool summaryFile; // level-1 items of every stream
     std::vector<Stream> streamList;
     bool inStream = false;
+
+    std::vector<Problem> problemList;
+    std::optional<Coverage> coverageValue;
 };

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace {
 using Answer = ServeApi::Answer;
@@ -343,6 +344,34 @@ void writeSample(QByteArray &out, quint64 index, const FileIndex::SampleRecord &
     out += '}';
 }
 
+// As the report's "coverage": the parts of the file and its map.
+void writeCoverage(QByteArray &out, const Coverage &coverage)
+{
+    out += ",\"coverage\":{";
+    numberMember(out, "fileSize", coverage.fileSize);
+    char separator = '{';
+    out += ",\"parts\":";
+    for (const auto &[name, part] : coveragePartNames) {
+        out += std::exchange(separator, ',');
+        numberMember(out, name, coverage.*part);
+    }
+    out += "},\"map\":{";
+    numberMember(out, "cellSize", coverage.cellSize);
+    for (const auto &[name, part] : coveragePartNames) {
+        out += ',';
+        key(out, name);
+        separator = '[';
+        for (const CoverageParts &cell : coverage.cells) {
+            out += std::exchange(separator, ',');
+            json::appendNumber(out, cell.*part);
+        }
+        if (coverage.cells.empty())
+            out += '[';
+        out += ']';
+    }
+    out += "}}";
+}
+
 void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
 {
     out += '{';
@@ -373,7 +402,52 @@ void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
             out += ',';
         writeStream(out, index.streams()[i]);
     }
+    out += ']';
+    if (index.coverage()) {
+        out += ',';
+        numberMember(out, "problemCount", index.problems().size());
+        writeCoverage(out, *index.coverage());
+    }
+    out += '}';
+}
+
+// The problems of a checked file, from `from` on.
+Answer problemsAnswer(const FileIndex &file, const QUrlQuery &query)
+{
+    Parameters parameters(query, {"from", "count"});
+    const quint64 from = parameters.unsignedValue("from", ~quint64(0), 0);
+    const quint64 count = parameters.unsignedValue("count", ServeApi::MaxCount, 100);
+    if (!parameters.problem().isEmpty())
+        return refused(400, parameters.problem());
+    if (!file.coverage())
+        return refused(404, QStringLiteral("%1 was not checked: start the server with --check")
+                                .arg(file.fileName()));
+    const std::vector<Problem> &problems = file.problems();
+    QByteArray out = "{";
+    numberMember(out, "from", from);
+    out += ',';
+    numberMember(out, "total", problems.size());
+    out += ",\"problems\":[";
+    for (quint64 i = from; i < problems.size() && i - from < count; ++i) {
+        const Problem &problem = problems[size_t(i)];
+        if (i > from)
+            out += ',';
+        out += "{\"code\":";
+        json::appendString(out, problem.code);
+        out += ",\"severity\":\"";
+        out += severityName(problem.severity);
+        out += "\",";
+        numberMember(out, "offset", problem.offset);
+        out += ',';
+        numberMember(out, "size", problem.size);
+        out += ",\"path\":";
+        json::appendString(out, problem.path);
+        out += ",\"message\":";
+        json::appendString(out, problem.message);
+        out += '}';
+    }
     out += "]}";
+    return ok(out);
 }
 
 Answer readFailed(const FileIndex &file)
@@ -714,6 +788,8 @@ Answer ServeApi::answer(const QByteArray &method, const QString &path, const QUr
         return bytesAnswer(report, query);
     if (rest.isEmpty() && what == QLatin1String("search"))
         return searchAnswer(report, query);
+    if (rest.isEmpty() && what == QLatin1String("problems"))
+        return problemsAnswer(report, query);
     if (rest.isEmpty() && what == QLatin1String("path"))
         return pathAnswer(report, query);
     return refused(404, QStringLiteral("no such path: %1").arg(path.left(200)));

@@ -114,3 +114,15 @@ void ServeIndex::endStream()
     if (current)
         current->endStream();
 }
+
+void ServeIndex::addProblem(const Problem &problem)
+{
+    if (current)
+        current->addProblem(problem);
+}
+
+void ServeIndex::setCoverage(const Coverage &coverage)
+{
+    if (current)
+        current->setCoverage(coverage);
+}

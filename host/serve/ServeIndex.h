@@ -43,6 +43,8 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addProblem(const Problem &problem) override;
+    void setCoverage(const Coverage &coverage) override;
 
 private:
     std::vector<File> fileList;
