@@ -277,6 +277,11 @@
       report.elementCount = report.all.length;
       report.streams = (report.streams || []).map(prepareStream);
       for (const stream of report.streams) stream.rows = new PagedRows(stream.sampleCount, null, null, { whole: stream.samples || [] });
+      if (report.problems) {
+        report.problemCount = report.problems.length;
+        report.errorCount = report.problems.filter((problem) => problem.severity === 'error').length;
+        report.problemRows = new PagedRows(report.problemCount, null, null, { whole: report.problems });
+      }
       report.bytes = new PageBytes(report);
       return Promise.resolve(report);
     }
@@ -499,6 +504,13 @@
         stream.number = s;
         return stream;
       });
+      if (report.coverage) {
+        report.problemCount = num(report.problemCount);
+        report.errorCount = num(report.errorCount);
+        report.problemRows = new PagedRows(report.problemCount, (from, count) =>
+          this.get(`${base}/problems?from=${from}&count=${count}`).then((answer) => answer.problems),
+        () => problemList.render());
+      }
       report.bytes = new ServedBytes(this, report);
       return Promise.resolve(report);
     }
@@ -585,9 +597,12 @@
     }
   }
 
+  function showStatus(text) {
+    $('status').textContent = text;
+    $('status').hidden = !text;
+  }
   function reportProblem(error) {
-    $('status').textContent = `The server did not answer: ${error.message}`;
-    $('status').hidden = false;
+    showStatus(`The server did not answer: ${error.message}`);
   }
 
   // ---- State -----------------------------------------------------------------------------
@@ -598,7 +613,8 @@
     selected: null, // element
     field: null, // bytes of the selected field: { from, to }
     fieldIndex: -1,
-    config: null, // bytes shown in the hex view for a stream: { from, to }
+    mark: null, // bytes shown in the hex view for a stream, a sample or a problem: { from, to }
+    problem: -1, // the selected problem
     // The filter: its query, marks per element id (1 matches, 2 leads to a match), the
     // elements shown below each element, and open states of its own.
     filter: null,
@@ -821,7 +837,7 @@
     state.selected = node;
     state.field = null;
     state.fieldIndex = -1;
-    state.config = null;
+    state.mark = null;
     if (options.reveal !== false) revealInTree(node);
     else tree.render();
     renderElementHead(node);
@@ -992,7 +1008,7 @@
     const base = segment.rowBase + (i - segment.firstRow) * BYTES_PER_ROW;
     const bytes = state.report.bytes;
     const field = state.field;
-    const config = state.config;
+    const mark = state.mark;
     const hexCells = el('span', 'hbytes');
     const asciiCells = el('span', 'hascii');
     for (let k = 0; k < BYTES_PER_ROW; k++) {
@@ -1010,9 +1026,9 @@
       if (field && offset >= field.from && offset < field.to) {
         byteCell.className = 'hl';
         charCell.className = 'hl';
-      } else if (config && offset >= config.from && offset < config.to) {
-        byteCell.className = 'cfg';
-        charCell.className = 'cfg';
+      } else if (mark && offset >= mark.from && offset < mark.to) {
+        byteCell.className = 'mark';
+        charCell.className = 'mark';
       }
       hexCells.append(byteCell);
       asciiCells.append(charCell);
@@ -1103,6 +1119,7 @@
   function renderMap() {
     const bar = $('map-bar');
     bar.replaceChildren();
+    drawCoverage();
     mapGroups = [];
     const report = state.report;
     const size = num(report.fileSize);
@@ -1177,6 +1194,138 @@
     mark.style.width = `${((to - from) / size) * 100}%`;
   }
 
+  // ---- Problems and coverage -------------------------------------------------------------
+
+  // The parts of a checked file's bytes, as the report names them, with their colours.
+  const COVERAGE_PARTS = [
+    ['structure', 'box headers and fields', '#1f6feb'],
+    ['sampleData', 'sample data', '#8c959f'],
+    ['unreferencedMediaData', 'media data no sample references', '#e5a50a'],
+    ['filler', 'free and skip', '#d0d7de'],
+    ['unknown', 'unknown boxes', '#a371f7'],
+    ['trailing', 'trailing bytes', '#e5533d'],
+  ];
+
+  const problemList = new VirtualList($('problems'), 22, renderProblemRow);
+
+  function showProblems() {
+    const report = state.report;
+    const legend = $('coverage-legend');
+    legend.replaceChildren();
+    const size = num(report.coverage.fileSize);
+    for (const [key, label, color] of COVERAGE_PARTS) {
+      const bytes = num(report.coverage.parts[key]);
+      const human = bytes >= 1024 ? ` (${humanSize(bytes)})` : '';
+      const share = size ? `, ${((bytes / size) * 100).toFixed(1)} %` : '';
+      const swatch = span('swatch');
+      swatch.style.background = color;
+      const item = span('', undefined, `"${key}" in the JSON report`);
+      item.append(swatch, `${label}: ${bytes} bytes${human}${share}`);
+      legend.append(item);
+    }
+    problemList.setCount(report.problemCount);
+    if (!report.problemCount) legend.append(span('', 'No problems found.'));
+  }
+
+  function renderProblemRow(i) {
+    const problem = state.report.problemRows.get(i);
+    const row = el('div', 'prow problems-cols');
+    row.dataset.row = i;
+    if (!problem) {
+      row.classList.add('loading');
+      row.append(span('', '…'));
+      return row;
+    }
+    row.append(
+      span(`sev-${problem.severity}`, problem.severity),
+      span('', problem.code),
+      span('num', String(problem.offset)),
+      span('num', String(problem.size)),
+      span('', problem.path, problem.path),
+      span('', problem.message, problem.message));
+    if (i === state.problem) row.classList.add('selected');
+    return row;
+  }
+
+  // Shows the bytes of a problem in its box; the list keeps its place for the way back.
+  function selectProblem(i) {
+    const report = state.report;
+    if (!report.problemCount) return;
+    state.problem = Math.max(0, Math.min(report.problemCount - 1, i));
+    problemList.reveal(state.problem);
+    problemList.render();
+    report.problemRows.fetch(state.problem).then((problem) => {
+      if (problem && state.report === report) showBytes(num(problem.offset), num(problem.size));
+    });
+  }
+
+  $('problems').addEventListener('click', (event) => {
+    const row = event.target.closest('.prow');
+    if (row) selectProblem(Number(row.dataset.row));
+  });
+  $('problems').addEventListener('keydown', (event) => {
+    if (event.key === 'ArrowDown') selectProblem(state.problem + 1);
+    else if (event.key === 'ArrowUp') selectProblem(state.problem - 1);
+    else return;
+    event.preventDefault();
+  });
+
+  // The strip below the map: each pixel column shows the parts of the bytes under it, stacked.
+  function drawCoverage() {
+    const canvas = $('coverage-map');
+    const coverage = state.report && state.report.coverage;
+    $('map').classList.toggle('covered', !!coverage);
+    canvas.hidden = !coverage;
+    if (!coverage) return;
+    const ratio = window.devicePixelRatio || 1;
+    const width = Math.max(1, Math.round(canvas.clientWidth * ratio));
+    const height = Math.max(1, Math.round(canvas.clientHeight * ratio));
+    canvas.width = width;
+    canvas.height = height;
+    const context = canvas.getContext('2d');
+    for (let x = 0; x < width; x++) {
+      const parts = coverageBetween(coverage, x / width, (x + 1) / width);
+      const total = parts.reduce((sum, part) => sum + part, 0);
+      let y = 0;
+      parts.forEach((bytes, p) => {
+        if (!bytes) return;
+        const h = (bytes / total) * height;
+        context.fillStyle = COVERAGE_PARTS[p][2];
+        context.fillRect(x, y, 1, h + 0.5);
+        y += h;
+      });
+    }
+  }
+
+  // The bytes of each part in the cells of the map that lie under a stretch of the file, given
+  // as fractions of its length.
+  function coverageBetween(coverage, start, end) {
+    const map = coverage.map;
+    const cells = map.structure.length;
+    const cellSize = num(map.cellSize);
+    const size = num(coverage.fileSize);
+    if (!cells) return COVERAGE_PARTS.map(() => 0);
+    const first = Math.min(cells - 1, Math.floor((start * size) / cellSize));
+    const last = Math.max(first + 1, Math.min(cells, Math.ceil((end * size) / cellSize)));
+    return COVERAGE_PARTS.map(([key]) => {
+      let sum = 0;
+      for (let c = first; c < last; c++) sum += num(map[key][c]);
+      return sum;
+    });
+  }
+
+  $('coverage-map').addEventListener('mousemove', (event) => {
+    const coverage = state.report.coverage;
+    const rect = event.target.getBoundingClientRect();
+    const at = (event.clientX - rect.left) / rect.width;
+    const size = num(coverage.fileSize);
+    const parts = coverageBetween(coverage, at, at + 1 / rect.width);
+    const total = parts.reduce((sum, part) => sum + part, 0) || 1;
+    const lines = parts.map((bytes, p) => (bytes ? `${COVERAGE_PARTS[p][1]}: ${((bytes / total) * 100).toFixed(0)} %` : ''));
+    showTip(`near offset ${Math.floor(at * size)}\n${lines.filter(Boolean).join('\n')}`, event.clientX, event.clientY);
+  });
+  $('coverage-map').addEventListener('mouseleave', hideTip);
+
   // ---- Streams ---------------------------------------------------------------------------
 
   const samples = new VirtualList($('samples'), 22, renderSampleRow);
@@ -1238,16 +1387,20 @@
     drawChart();
   }
 
-  // Shows bytes of the file in the deepest element that holds them.
+  // Shows bytes of the file in the deepest element that holds them, marked.
   function showBytes(from, size) {
     const report = state.report;
     return state.source.pathTo(report, from, from + size).then((path) => {
       if (state.report !== report) return;
-      showTab('boxes');
       const node = path[path.length - 1];
-      if (!node) return;
+      if (!node) {
+        showStatus(`Bytes ${from}–${from + Math.max(size, 1) - 1} lie outside every box of the file.`);
+        return;
+      }
+      showStatus('');
+      showTab('boxes');
       selectElement(node);
-      state.config = { from, to: from + size };
+      state.mark = { from, to: from + size };
       updateHex(false);
       revealHexOffset(from);
     }, reportProblem);
@@ -1642,11 +1795,14 @@
     state.tab = tab;
     for (const button of $('tabs').children) button.setAttribute('aria-selected', String(button.dataset.tab === tab));
     $('boxes-view').hidden = tab !== 'boxes';
-    $('stream-view').hidden = tab === 'boxes';
+    $('problems-view').hidden = tab !== 'problems';
+    $('stream-view').hidden = tab === 'boxes' || tab === 'problems';
     if (tab === 'boxes') {
       tree.render();
       fields.render();
       hex.render();
+    } else if (tab === 'problems') {
+      showProblems();
     } else {
       showStream(Number(tab));
     }
@@ -1661,8 +1817,13 @@
       button.setAttribute('role', 'tab');
       button.addEventListener('click', () => showTab(tab));
       tabs.append(button);
+      return button;
     };
     add('boxes', `Boxes (${report.elementCount})`);
+    if (report.problemRows) {
+      const button = add('problems', `Problems (${report.problemCount})`);
+      button.classList.toggle('has-errors', report.errorCount > 0);
+    }
     report.streams.forEach((stream, i) => {
       const codec = stream.codecName || 'unknown codec';
       const picture = stream.width || stream.height ? ` ${stream.width}×${stream.height}` : '';
@@ -1673,6 +1834,7 @@
   function showMessage(html) {
     $('boxes-view').hidden = true;
     $('stream-view').hidden = true;
+    $('problems-view').hidden = true;
     $('loading').hidden = true;
     const view = $('message-view');
     view.hidden = false;
@@ -1699,7 +1861,8 @@
     fields.setCount(0);
     hex.setCount(0);
     state.field = null;
-    state.config = null;
+    state.mark = null;
+    state.problem = -1;
     state.stream = null;
     chartData = null;
     document.title = `${report.file} · sarvelinth`;
@@ -1708,6 +1871,7 @@
       $('file-facts').textContent = '';
       $('tabs').replaceChildren();
       $('map-bar').replaceChildren();
+      drawCoverage();
       $('map-mark').hidden = true;
       showMessage([el('div', 'error', `${report.file}: ${report.error}`), el('p', '', 'This file has no report.')]);
       return;

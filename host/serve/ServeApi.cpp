@@ -406,6 +406,12 @@ void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
     if (index.coverage()) {
         out += ',';
         numberMember(out, "problemCount", index.problems().size());
+        out += ',';
+        numberMember(out, "errorCount",
+                     quint64(std::count_if(index.problems().begin(), index.problems().end(),
+                                           [](const Problem &problem) {
+                                               return problem.severity == Severity::Error;
+                                           })));
         writeCoverage(out, *index.coverage());
     }
     out += '}';

@@ -1,6 +1,7 @@
 // Opens the page of `sarvelinth --serve` in Debian's chromium, headless, on a file of
 // 200,000 samples made with FFmpeg, and uses it as a person would: opens the video track,
-// scrolls the sample table to its end, zooms the chart, selects a sample and sees its bytes.
+// scrolls the sample table to its end, zooms the chart, selects a sample and sees its bytes,
+// and lists the problems the check found.
 // The server runs on 127.0.0.1 and is stopped with SIGTERM by its process id; the page may
 // ask nothing of any other address. Screenshots go to the output directory.
 //
@@ -61,7 +62,7 @@ function fileBytes(offset, size) {
 
 // ---- The server --------------------------------------------------------------------------
 
-const server = spawn(sarvelinth, ['--serve', movie], { stdio: ['ignore', 'ignore', 'pipe'] });
+const server = spawn(sarvelinth, ['--serve', '--check', movie], { stdio: ['ignore', 'ignore', 'pipe'] });
 let serverErr = '';
 const serverExit = new Promise((resolve) => server.on('exit', (code, signal) => resolve({ code, signal })));
 const address = await new Promise((resolve, reject) => {
@@ -174,8 +175,8 @@ check('a sample picked on the chart shows its bytes, read from the file', async 
   await page.locator('#selected-sample a').click();
   await page.waitForFunction(() => document.querySelector('#element-head h2')?.textContent === 'mdat');
   const shown = Math.min(sample.size, 16 - (sample.offset % 16));
-  await page.waitForFunction((n) => document.querySelectorAll('#hex .hbytes .cfg').length >= n, shown);
-  const first = (await page.locator('#hex .hbytes .cfg').allInnerTexts()).slice(0, shown).join(' ');
+  await page.waitForFunction((n) => document.querySelectorAll('#hex .hbytes .mark').length >= n, shown);
+  const first = (await page.locator('#hex .hbytes .mark').allInnerTexts()).slice(0, shown).join(' ');
   const expected = Array.from(fileBytes(sample.offset, shown), (b) => b.toString(16).padStart(2, '0')).join(' ');
   assert.equal(first, expected);
   await page.screenshot({ path: path.join(outputDir, 'serve-sample-bytes.png') });
@@ -191,6 +192,18 @@ check('the filter asks the server and shows the matches with their parents', asy
   assert.equal(await page.locator('#element-head h2').innerText(), 'stsz');
   await page.fill('#search', '');
   await page.waitForFunction(() => document.querySelector('#search-count').textContent === '');
+});
+
+check('the problems of the check are asked for, and one chosen shows its box', async () => {
+  const facts = await api('');
+  await page.locator('#tabs button', { hasText: `Problems (${facts.problemCount})` }).click();
+  assert.ok(await page.locator('#coverage-map').isVisible(), 'the map shows the coverage');
+  const listed = (await api(`/problems?count=${facts.problemCount}`)).problems;
+  assert.equal(await page.locator('#problems .prow').count(), listed.length);
+  if (!listed.length) return;
+  await page.locator('#problems .prow').first().click();
+  const name = listed[0].path.split('/').at(-1).replace(/\[\d+\]$/, '');
+  await page.waitForFunction((n) => document.querySelector('#element-head h2')?.textContent === n, name);
 });
 
 let failed = 0;
