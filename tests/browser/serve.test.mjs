@@ -173,8 +173,13 @@ check('the chart zooms with the wheel and with a drag, and a double-click shows 
 
 check('a sample picked on the chart shows its bytes, read from the file', async () => {
   const chart = await page.locator('#chart').boundingBox();
+  const previous = await page.evaluate(() => document.querySelector('#selected-sample td')?.textContent ?? '');
   await page.mouse.click(chart.x + 64 + (chart.width - 76) / 4, chart.y + chart.height / 2);
-  await page.waitForSelector('#selected-sample a');
+  // The pick asks the server where the sample lies; the row changes when it answers.
+  await page.waitForFunction((before) => {
+    const cell = document.querySelector('#selected-sample td');
+    return cell && cell.querySelector('a') && cell.textContent !== before;
+  }, previous);
   const picked = Number((await page.locator('#selected-sample td').innerText()).split(':')[0]);
   assert.ok(Math.abs(picked - SAMPLES / 4) < SAMPLES / 50, `picked sample ${picked}`);
   const sample = (await api(`/streams/0/samples?from=${picked}&count=1`)).samples[0];
@@ -189,6 +194,7 @@ check('a sample picked on the chart shows its bytes, read from the file', async 
 });
 
 check('the filter asks the server and shows the matches with their parents', async () => {
+  await page.locator('#tabs button', { hasText: 'Boxes' }).click();
   await page.fill('#search', 'stsz');
   await page.waitForFunction(() => document.querySelector('#search-count').textContent === '1 box');
   const names = await page.locator('#tree .trow .tname').allInnerTexts();
