@@ -4,6 +4,7 @@
 #include <QtGlobal>
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 // The sample slot: the sample a parser is about to hand over.
@@ -90,6 +91,20 @@ enum class Severity {
     Info,
 };
 
+// The name of a severity in the reports: "error", "warning" or "info".
+inline const char *severityName(Severity severity)
+{
+    switch (severity) {
+    case Severity::Warning:
+        return "warning";
+    case Severity::Info:
+        return "info";
+    case Severity::Error:
+        break;
+    }
+    return "error";
+}
+
 // Something wrong with a file, found by the checks: a stable code, the bytes it concerns,
 // the path of the box they lie in (such as "moov/trak[1]/mdia/minf/stbl/stsz") and a
 // sentence for people that names the numbers involved.
@@ -118,6 +133,15 @@ struct CoverageParts {
     quint64 unknown = 0;               // boxes of a type the parser does not know
     quint64 trailing = 0;              // bytes behind the last box that form no box
 };
+
+// The parts by the names the reports give them, in the order they are reported.
+inline constexpr std::pair<const char *, quint64 CoverageParts::*> coveragePartNames[] = {
+    {"structure", &CoverageParts::structure},
+    {"sampleData", &CoverageParts::sampleData},
+    {"unreferencedMediaData", &CoverageParts::unreferencedMediaData},
+    {"filler", &CoverageParts::filler},
+    {"unknown", &CoverageParts::unknown},
+    {"trailing", &CoverageParts::trailing}};
 
 // Where every byte of a file went. The parts add up to the file's size.
 struct Coverage : CoverageParts {

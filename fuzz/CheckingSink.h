@@ -218,11 +218,10 @@ public:
         require(coverage.fileSize == reportedFileSize, "coverage of another size");
         // Each part no larger than the whole, so that no sum wraps.
         const auto addsUp = [](const CoverageParts &p, quint64 length) {
-            for (quint64 part : {p.structure, p.sampleData, p.unreferencedMediaData, p.filler,
-                                 p.unknown, p.trailing}) {
-                if (part > length)
+            for (const auto &[name, part] : coveragePartNames) {
+                if (p.*part > length)
                     return false;
-                length -= part;
+                length -= p.*part;
             }
             return length == 0;
         };
@@ -235,9 +234,7 @@ public:
             require(mapped < coverage.fileSize && addsUp(cell, length),
                     "a cell of the coverage map whose parts do not add up to its length");
             mapped += length;
-            for (auto part : {&CoverageParts::structure, &CoverageParts::sampleData,
-                              &CoverageParts::unreferencedMediaData, &CoverageParts::filler,
-                              &CoverageParts::unknown, &CoverageParts::trailing})
+            for (const auto &[name, part] : coveragePartNames)
                 sums.*part += cell.*part;
         }
         require(mapped == coverage.fileSize && coverage.cells.size() <= Coverage::MapCells,

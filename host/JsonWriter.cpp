@@ -16,19 +16,6 @@ const char *payloadText(Payload payload)
     return "data";
 }
 
-const char *severityText(Severity severity)
-{
-    switch (severity) {
-    case Severity::Warning:
-        return "warning";
-    case Severity::Info:
-        return "info";
-    case Severity::Error:
-        break;
-    }
-    return "error";
-}
-
 const char *stateText(ElementState state)
 {
     switch (state) {
@@ -292,7 +279,7 @@ void JsonWriter::addProblem(const Problem &problem)
     out.appendLiteral("{\"code\":");
     string(problem.code);
     out.appendLiteral(",\"severity\":\"");
-    out.appendCString(severityText(problem.severity));
+    out.appendCString(severityName(problem.severity));
     out.appendLiteral("\",\"offset\":");
     out.appendUnsigned(problem.offset);
     out.appendLiteral(",\"size\":");
@@ -312,19 +299,11 @@ void JsonWriter::setCoverage(const Coverage &coverage)
     if (!inProblems)
         addProblemsList();
     closeLists();
-    // The parts by their keys, in the order of the document.
-    static constexpr std::pair<const char *, quint64 CoverageParts::*> parts[] = {
-        {"structure", &CoverageParts::structure},
-        {"sampleData", &CoverageParts::sampleData},
-        {"unreferencedMediaData", &CoverageParts::unreferencedMediaData},
-        {"filler", &CoverageParts::filler},
-        {"unknown", &CoverageParts::unknown},
-        {"trailing", &CoverageParts::trailing}};
     out.appendLiteral(",\"coverage\":{\"fileSize\":");
     out.appendUnsigned(coverage.fileSize);
     char separator = '{';
     out.appendLiteral(",\"parts\":");
-    for (const auto &[key, part] : parts) {
+    for (const auto &[key, part] : coveragePartNames) {
         out.put(std::exchange(separator, ','));
         out.put('"');
         out.appendCString(key);
@@ -333,7 +312,7 @@ void JsonWriter::setCoverage(const Coverage &coverage)
     }
     out.appendLiteral("},\"map\":{\"cellSize\":");
     out.appendUnsigned(coverage.cellSize);
-    for (const auto &[key, part] : parts) {
+    for (const auto &[key, part] : coveragePartNames) {
         out.put(',');
         out.put('"');
         out.appendCString(key);

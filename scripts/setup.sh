@@ -6,7 +6,7 @@
 SARVELINTH_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and running needs.
-BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev libgtest-dev libgmock-dev libbenchmark-dev
+BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev libgtest-dev libgmock-dev libbenchmark-dev
     pkg-config)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
 # python3 checks the JSON documents against their schema.
