@@ -4,6 +4,8 @@
 #include <QtGlobal>
 
 #include <optional>
+#include <utility>
+#include <vector>
 
 // The sample slot: the sample a parser is about to hand over.
 struct Sample {
@@ -89,6 +91,20 @@ enum class Severity {
     Info,
 };
 
+// The name of a severity in the reports: "error", "warning" or "info".
+inline const char *severityName(Severity severity)
+{
+    switch (severity) {
+    case Severity::Warning:
+        return "warning";
+    case Severity::Info:
+        return "info";
+    case Severity::Error:
+        break;
+    }
+    return "error";
+}
+
 // Something wrong with a file, found by the checks: a stable code, the bytes it concerns,
 // the path of the box they lie in (such as "moov/trak[1]/mdia/minf/stbl/stsz") and a
 // sentence for people that names the numbers involved.
@@ -108,15 +124,35 @@ struct ProblemCounts {
     quint64 infos = 0;
 };
 
-// Where every byte of a file went. The parts add up to the file's size.
-struct Coverage {
-    quint64 fileSize = 0;
+// Bytes of a file, or of a stretch of it, by where they went.
+struct CoverageParts {
     quint64 structure = 0;             // box headers, fields and payloads shown by position
     quint64 sampleData = 0;            // media data the samples reference, each byte once
     quint64 unreferencedMediaData = 0; // media data no sample references
     quint64 filler = 0;                // free, skip and the like
     quint64 unknown = 0;               // boxes of a type the parser does not know
     quint64 trailing = 0;              // bytes behind the last box that form no box
+};
+
+// The parts by the names the reports give them, in the order they are reported.
+inline constexpr std::pair<const char *, quint64 CoverageParts::*> coveragePartNames[] = {
+    {"structure", &CoverageParts::structure},
+    {"sampleData", &CoverageParts::sampleData},
+    {"unreferencedMediaData", &CoverageParts::unreferencedMediaData},
+    {"filler", &CoverageParts::filler},
+    {"unknown", &CoverageParts::unknown},
+    {"trailing", &CoverageParts::trailing}};
+
+// Where every byte of a file went. The parts add up to the file's size.
+struct Coverage : CoverageParts {
+    // A map of the file has at most this many cells, whatever its length.
+    static constexpr quint64 MapCells = 1024;
+
+    quint64 fileSize = 0;
+    // The map: the parts of each stretch of cellSize bytes, in file order, the last one
+    // possibly shorter; each cell's parts add up to its length.
+    quint64 cellSize = 0;
+    std::vector<CoverageParts> cells;
 };
 
 // Why the parser did not read an element's content. Writers that keep a file's bytes keep

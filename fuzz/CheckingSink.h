@@ -4,8 +4,10 @@
 
 #include <QString>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -214,10 +216,31 @@ public:
     {
         requireInReport("setCoverage");
         require(coverage.fileSize == reportedFileSize, "coverage of another size");
-        require(coverage.structure + coverage.sampleData + coverage.unreferencedMediaData +
-                        coverage.filler + coverage.unknown + coverage.trailing ==
-                    coverage.fileSize,
+        // Each part no larger than the whole, so that no sum wraps.
+        const auto addsUp = [](const CoverageParts &p, quint64 length) {
+            for (const auto &[name, part] : coveragePartNames) {
+                if (p.*part > length)
+                    return false;
+                length -= p.*part;
+            }
+            return length == 0;
+        };
+        require(addsUp(coverage, coverage.fileSize),
                 "coverage parts that do not add up to the file size");
+        quint64 mapped = 0;
+        CoverageParts sums;
+        for (const CoverageParts &cell : coverage.cells) {
+            const quint64 length = std::min(coverage.cellSize, coverage.fileSize - mapped);
+            require(mapped < coverage.fileSize && addsUp(cell, length),
+                    "a cell of the coverage map whose parts do not add up to its length");
+            mapped += length;
+            for (const auto &[name, part] : coveragePartNames)
+                sums.*part += cell.*part;
+        }
+        require(mapped == coverage.fileSize && coverage.cells.size() <= Coverage::MapCells,
+                "a coverage map that does not cover the file in at most MapCells cells");
+        require(std::memcmp(&sums, static_cast<const CoverageParts *>(&coverage), sizeof sums) == 0,
+                "a coverage map whose cells do not add up to the parts of the file");
         if (next)
             next->setCoverage(coverage);
     }

@@ -25,6 +25,12 @@ const QList<OptionSpec> &optionSpecs()
          "per file, each on one line; html writes one page for\n"
          "all files, to open in a browser"},
         {{"o", "output"}, "FILE", "write the report to FILE instead of standard output"},
+        {{"serve"},
+         {},
+         "serve the interactive page of the reports at\n"
+         "http://127.0.0.1:PORT/ until interrupted, loading\n"
+         "what it shows on demand (files of any length)"},
+        {{"port"}, "N", "the port of --serve (default: a free one)"},
         {{"samples"}, {}, "list every sample in the text output (json always does)"},
         {{"deep"},
          {},
@@ -109,6 +115,18 @@ bool parseFormat(const QString &text, Options::Format *format, QString *error)
     return true;
 }
 
+bool parsePort(const QString &text, quint16 *port, QString *error)
+{
+    bool ok = false;
+    const uint value = text.toUInt(&ok, 10);
+    if (!ok || value < 1 || value > 65535 || text.startsWith(QLatin1Char('+'))) {
+        *error = QStringLiteral("--port: a port number from 1 to 65535, not '%1'").arg(text);
+        return false;
+    }
+    *port = quint16(value);
+    return true;
+}
+
 bool parseByteCount(const QString &text, quint64 *count, QString *error)
 {
     bool ok = false;
@@ -165,6 +183,20 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
         }
     }
     options->pluginDir = parser.value(QStringLiteral("plugin-dir"));
+    options->serve = parser.isSet(QStringLiteral("serve"));
+    if (parser.isSet(QStringLiteral("port"))) {
+        if (!options->serve) {
+            *error = QStringLiteral("--port: only with --serve");
+            return false;
+        }
+        if (!parsePort(parser.value(QStringLiteral("port")), &options->port, error))
+            return false;
+    }
+    if (options->serve &&
+        (parser.isSet(QStringLiteral("format")) || parser.isSet(QStringLiteral("output")))) {
+        *error = QStringLiteral("--serve writes no report: --format and --output do not apply");
+        return false;
+    }
 
     options->files = parser.positionalArguments();
     if (options->files.isEmpty() && !defaultFile.isEmpty())

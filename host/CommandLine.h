@@ -14,6 +14,8 @@ struct Options {
     ContainerAbstract::Settings settings;
     QString pluginDir;  // empty: PluginLoader::defaultDirectory()
     QString outputFile; // empty: standard output
+    bool serve = false; // serve the interactive page instead of writing a report
+    quint16 port = 0;   // of the server; 0: a free one
     QStringList files;
     bool help = false;
     bool version = false;

@@ -5,6 +5,8 @@
 #include "InputDevice.h"
 #include "JsonWriter.h"
 #include "PluginLoader.h"
+#include "ServeIndex.h"
+#include "Server.h"
 #include "TextWriter.h"
 
 #include <QFile>
@@ -138,7 +140,12 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         message(err, QStringLiteral("no container plugins found in %1").arg(pluginDir));
 
     std::unique_ptr<ReportWriter> writer;
-    if (options.format == Options::Format::Json)
+    ServeIndex *served = nullptr;
+    if (options.serve) {
+        auto index = std::make_unique<ServeIndex>();
+        served = index.get();
+        writer = std::move(index);
+    } else if (options.format == Options::Format::Json)
         // The document of the basic report keeps its keys as they have always been; those
         // of deep analysis and checks are new, and carry the annotations too.
         writer = std::make_unique<JsonWriter>(reportOut, options.settings.deepAnalysis ||
@@ -158,6 +165,9 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
     // Problems of the files tell their status only when nothing worse went wrong.
     if (status == ExitOk && errors)
         status = ExitProblems;
+    // The server shows the reports, and the problems of the files that have none.
+    if (served)
+        status = qMax(status, serveReports(*served, options.port, err));
 
     writer->finish();
     int writeError = writer->writeError();

@@ -1,5 +1,7 @@
 #include "JsonWriter.h"
 
+#include <utility>
+
 namespace {
 const char *payloadText(Payload payload)
 {
@@ -12,19 +14,6 @@ const char *payloadText(Payload payload)
         break;
     }
     return "data";
-}
-
-const char *severityText(Severity severity)
-{
-    switch (severity) {
-    case Severity::Warning:
-        return "warning";
-    case Severity::Info:
-        return "info";
-    case Severity::Error:
-        break;
-    }
-    return "error";
 }
 
 const char *stateText(ElementState state)
@@ -290,7 +279,7 @@ void JsonWriter::addProblem(const Problem &problem)
     out.appendLiteral("{\"code\":");
     string(problem.code);
     out.appendLiteral(",\"severity\":\"");
-    out.appendCString(severityText(problem.severity));
+    out.appendCString(severityName(problem.severity));
     out.appendLiteral("\",\"offset\":");
     out.appendUnsigned(problem.offset);
     out.appendLiteral(",\"size\":");
@@ -312,18 +301,31 @@ void JsonWriter::setCoverage(const Coverage &coverage)
     closeLists();
     out.appendLiteral(",\"coverage\":{\"fileSize\":");
     out.appendUnsigned(coverage.fileSize);
-    out.appendLiteral(",\"parts\":{\"structure\":");
-    out.appendUnsigned(coverage.structure);
-    out.appendLiteral(",\"sampleData\":");
-    out.appendUnsigned(coverage.sampleData);
-    out.appendLiteral(",\"unreferencedMediaData\":");
-    out.appendUnsigned(coverage.unreferencedMediaData);
-    out.appendLiteral(",\"filler\":");
-    out.appendUnsigned(coverage.filler);
-    out.appendLiteral(",\"unknown\":");
-    out.appendUnsigned(coverage.unknown);
-    out.appendLiteral(",\"trailing\":");
-    out.appendUnsigned(coverage.trailing);
+    char separator = '{';
+    out.appendLiteral(",\"parts\":");
+    for (const auto &[key, part] : coveragePartNames) {
+        out.put(std::exchange(separator, ','));
+        out.put('"');
+        out.appendCString(key);
+        out.appendLiteral("\":");
+        out.appendUnsigned(coverage.*part);
+    }
+    out.appendLiteral("},\"map\":{\"cellSize\":");
+    out.appendUnsigned(coverage.cellSize);
+    for (const auto &[key, part] : coveragePartNames) {
+        out.put(',');
+        out.put('"');
+        out.appendCString(key);
+        out.appendLiteral("\":");
+        separator = '[';
+        for (const CoverageParts &cell : coverage.cells) {
+            out.put(std::exchange(separator, ','));
+            out.appendUnsigned(cell.*part);
+        }
+        if (coverage.cells.empty())
+            out.put('[');
+        out.put(']');
+    }
     out.appendLiteral("}}");
 }
 

@@ -54,6 +54,36 @@ template <typename Range> quint64 total(const std::vector<Range> &ranges)
     return sum;
 }
 
+// A map of a file of this size with no bytes placed yet.
+Coverage emptyMap(quint64 fileSize)
+{
+    Coverage coverage;
+    coverage.fileSize = fileSize;
+    coverage.cellSize =
+        std::max<quint64>(1, fileSize / Coverage::MapCells + (fileSize % Coverage::MapCells != 0));
+    coverage.cells.resize(
+        size_t(fileSize / coverage.cellSize + (fileSize % coverage.cellSize != 0)));
+    return coverage;
+}
+
+// Counts bytes from begin to end, inside the file, to a part in the cells they fall in.
+void addToMap(Coverage &coverage, quint64 CoverageParts::*part, quint64 begin, quint64 end)
+{
+    while (begin < end) {
+        const quint64 cell = begin / coverage.cellSize;
+        const quint64 cellEnd = std::min(end, (cell + 1) * coverage.cellSize);
+        coverage.cells[size_t(cell)].*part += cellEnd - begin;
+        begin = cellEnd;
+    }
+}
+
+template <typename Range>
+void addToMap(Coverage &coverage, quint64 CoverageParts::*part, const std::vector<Range> &ranges)
+{
+    for (const Range &range : ranges)
+        addToMap(coverage, part, range.begin, range.end);
+}
+
 QString plural(quint64 count, const char *one, const char *many)
 {
     return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
@@ -277,6 +307,11 @@ Coverage ProblemChecker::finishSamples()
                     all.insert(all.end(), bytesFiller.begin(), bytesFiller.end());
                     return all;
                 }()));
+    Coverage coverage = emptyMap(fileSize);
+    addToMap(coverage, &CoverageParts::trailing, bytesTrailing);
+    addToMap(coverage, &CoverageParts::unknown, bytesUnknown);
+    addToMap(coverage, &CoverageParts::filler, bytesFiller);
+    addToMap(coverage, &CoverageParts::unreferencedMediaData, bytesMedia);
 
     // The samples in order: their union within the media data, and where one begins before
     // the one before it has ended.
@@ -290,9 +325,12 @@ Coverage ProblemChecker::finishSamples()
     const auto countMerged = [&] {
         while (media < bytesMedia.size() && bytesMedia[media].end <= merged.begin)
             ++media;
-        for (size_t m = media; m < bytesMedia.size() && bytesMedia[m].begin < merged.end; ++m)
-            sampleBytes += std::min(merged.end, bytesMedia[m].end) -
-                           std::max(merged.begin, bytesMedia[m].begin);
+        for (size_t m = media; m < bytesMedia.size() && bytesMedia[m].begin < merged.end; ++m) {
+            const quint64 begin = std::max(merged.begin, bytesMedia[m].begin);
+            const quint64 end = std::min(merged.end, bytesMedia[m].end);
+            sampleBytes += end - begin;
+            addToMap(coverage, &CoverageParts::sampleData, begin, end);
+        }
     };
     // Each run's next sample, the one of the least offset on top.
     using Cursor = std::pair<size_t, size_t>; // position, end of its run
@@ -342,8 +380,15 @@ Coverage ProblemChecker::finishSamples()
     }
     samples.clear();
 
-    Coverage coverage;
-    coverage.fileSize = fileSize;
+    // What no other part holds is structure, in the whole file and in each cell.
+    for (size_t cell = 0; cell < coverage.cells.size(); ++cell) {
+        CoverageParts &parts = coverage.cells[cell];
+        parts.unreferencedMediaData -= parts.sampleData;
+        const quint64 length =
+            std::min(coverage.cellSize, fileSize - quint64(cell) * coverage.cellSize);
+        parts.structure = length - parts.trailing - parts.unknown - parts.filler -
+                          parts.sampleData - parts.unreferencedMediaData;
+    }
     coverage.trailing = total(bytesTrailing);
     coverage.unknown = total(bytesUnknown);
     coverage.filler = total(bytesFiller);

@@ -48,8 +48,14 @@ try {
 
 // ---- The reports -------------------------------------------------------------------------
 
+// The report on standard output; a file with errors found by --check exits with 4.
 function runTool(args) {
-  return execFileSync(sarvelinth, args, { cwd: sourceDir, stdio: ['ignore', 'pipe', 'ignore'] });
+  try {
+    return execFileSync(sarvelinth, args, { cwd: sourceDir, stdio: ['ignore', 'pipe', 'ignore'] });
+  } catch (error) {
+    if (args.includes('--check') && error.status === 4) return error.stdout;
+    throw error;
+  }
 }
 
 mkdirSync(outputDir, { recursive: true });
@@ -215,7 +221,7 @@ check('a video stream shows its facts, chart and samples', async () => {
   assert.match(facts, new RegExp(`Configuration\\s+@${stream.configOffset}, ${stream.configSize} bytes`));
   assert.equal(await page.locator('#samples .srow').count(), stream.samples.length);
   await page.locator('#stream-facts a').click();
-  assert.equal(await page.locator('#hex .hbytes .cfg').count(), stream.configSize);
+  assert.equal(await page.locator('#hex .hbytes .mark').count(), stream.configSize);
   await page.screenshot({ path: path.join(outputDir, 'report-config.png') });
 });
 
@@ -235,6 +241,47 @@ check('deep analysis shows every track with its facts, presentation times and or
   const presented = sample.presentationTime === null ? '-' : String(sample.presentationTime);
   assert.deepEqual(first.slice(-2), [presented, `moof ${sample.moof}`]);
   await page.screenshot({ path: path.join(outputDir, 'report-deep.png') });
+});
+
+check('a checked file lists its problems, shows their bytes and colours its map by coverage', async () => {
+  // The sample cut short inside its last box: boxes past the end, and an unknown box.
+  const cut = path.join(outputDir, 'cut.mp4');
+  writeFileSync(cut, fileBytes.subarray(0, fileBytes.length - 100));
+  const file = path.join(outputDir, 'checked.html');
+  runTool(['--check', '--format', 'html', '-o', file, cut]);
+  const checked = JSON.parse(runTool(['--check', '--format', 'json', cut]).toString());
+  await open(file);
+  const tab = page.locator('#tabs button', { hasText: `Problems (${checked.problems.length})` });
+  assert.equal(await tab.getAttribute('class'), 'has-errors');
+  await tab.click();
+  const rows = await page.locator('#problems .prow').all();
+  assert.equal(rows.length, checked.problems.length);
+  for (const [i, problem] of checked.problems.entries()) {
+    assert.deepEqual(await cellTexts(rows[i]),
+      [problem.severity, problem.code, String(problem.offset), String(problem.size), problem.path, problem.message]);
+  }
+  await page.screenshot({ path: path.join(outputDir, 'report-problems.png') });
+  // Choosing a problem selects the deepest box that holds its bytes and marks those the file has.
+  for (const code of ['unknown-box', 'box-past-eof']) {
+    const i = checked.problems.findLastIndex((problem) => problem.code === code);
+    const problem = checked.problems[i];
+    await page.locator(`#problems .prow[data-row="${i}"]`).click();
+    const name = problem.path.split('/').at(-1).replace(/\[\d+\]$/, '');
+    await page.waitForFunction((n) => document.querySelector('#element-head h2')?.textContent === n, name);
+    const present = Math.min(problem.offset + problem.size, checked.fileSize) - problem.offset;
+    assert.equal((await page.locator('#hex .hbytes .mark').allInnerTexts()).join(' '),
+      hex(fileBytes.subarray(problem.offset, problem.offset + present)), code);
+    await page.locator('#tabs button', { hasText: 'Problems' }).click();
+  }
+  // The strip below the map: box headers at the start, media data in the middle.
+  const strip = await page.locator('#coverage-map').boundingBox();
+  assert.ok(strip && strip.width > 100);
+  await page.mouse.move(strip.x + 1, strip.y + strip.height / 2);
+  assert.match(await page.locator('#tip').innerText(), /box headers and fields: 100 %/);
+  const mdat = checked.elements.find((node) => node.name === 'mdat');
+  await page.mouse.move(strip.x + strip.width * ((mdat.offset + mdat.size / 2) / checked.fileSize), strip.y + 5);
+  assert.match(await page.locator('#tip').innerText(), /sample data|media data no sample references/);
+  assert.match(await page.locator('#coverage-legend').innerText(), new RegExp(`sample data: ${checked.coverage.parts.sampleData} bytes`));
 });
 
 check('hostile names are shown as text', async () => {

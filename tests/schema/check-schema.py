@@ -30,6 +30,16 @@ def documents(arguments):
     return run.stdout.decode()
 
 
+def coverage_adds_up(coverage):
+    parts, size, cells = coverage["parts"], coverage["fileSize"], coverage["map"]
+    lengths = [min(cells["cellSize"], size - i * cells["cellSize"])
+               for i in range(len(cells["structure"]))]
+    return (sum(parts.values()) == size and sum(lengths) == size
+            and all(sum(cells[part]) == parts[part] for part in parts)
+            and all(sum(cells[part][i] for part in parts) == length
+                    for i, length in enumerate(lengths)))
+
+
 failures = 0
 runs = [["--format", "json", "--deep", *map(str, files)],
         ["--format", "json", "--check", *map(str, files)],
@@ -41,10 +51,10 @@ page = documents(["--format", "html", "--deep", str(files[0])])
 lines += re.findall(r'<script type="application/json" class="report">(.*?)</script>', page, re.S)
 for line in lines:
     document = json.loads(line)
-    # The parts of the coverage add up to the file's size.
-    if "coverage" in document and sum(document["coverage"]["parts"].values()) != document["fileSize"]:
+    # The parts of the coverage add up to the file's size, and the cells of its map to them.
+    if "coverage" in document and not coverage_adds_up(document["coverage"]):
         failures += 1
-        print(f"{document['file']}: the parts of the coverage do not add up to the file size")
+        print(f"{document['file']}: the parts of the coverage or of its map do not add up")
     for error in validator.iter_errors(document):
         failures += 1
         print(f"{document.get('file')}: {error.json_path}: {error.message}"[:400])
