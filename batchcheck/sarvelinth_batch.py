@@ -9,6 +9,7 @@ stopped, losing at most the chunks that were in flight.
 
 import argparse
 import collections
+import fcntl
 import json
 import logging
 import os
@@ -128,8 +129,6 @@ def load_rows(output):
     """The rows of an earlier run, by path: (size, mtime, status, exit, codes). A line cut
     short by a run that was killed while writing is cut off the file."""
     rows = {}
-    if not os.path.exists(output):
-        return rows
     with open(output, "r+b") as file:
         kept = 0
         for line in file:
@@ -409,6 +408,14 @@ class Run:
             self.progress.show(found[0], walker.is_alive())
 
 
+def lock_output(output, name):
+    """Two runs writing the same rows would check the same files twice."""
+    try:
+        fcntl.flock(output.fileno(), fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        raise RunFailed("%s: another ./batch is writing it" % name) from None
+
+
 def check_tool(tool):
     try:
         subprocess.run([tool, "--version"], check=True, stdout=subprocess.DEVNULL)
@@ -423,14 +430,15 @@ def main(argv=None):
     try:
         if not arguments.scheduler:
             check_tool(arguments.tool)
-        rows = load_rows(arguments.output)
-        before = len(rows)
-        progress = Progress(not arguments.no_progress)
-        found = [0]
-        items = queue.Queue(maxsize=max(2, 100_000 // arguments.chunk_files))
-        walker = threading.Thread(target=walk, args=(arguments, rows, found, items),
-                                  daemon=True)
         with open(arguments.output, "ab") as output:
+            lock_output(output, arguments.output)
+            rows = load_rows(arguments.output)
+            before = len(rows)
+            progress = Progress(not arguments.no_progress)
+            found = [0]
+            items = queue.Queue(maxsize=max(2, 100_000 // arguments.chunk_files))
+            walker = threading.Thread(target=walk, args=(arguments, rows, found, items),
+                                      daemon=True)
             walker.start()
             run = Run(arguments, output, rows, progress)
             try:

@@ -94,7 +94,8 @@ pids+=($!)
 
 best "$runs" "sarvelinth, one process" "${#files[@]}" "$tool" --format json --check -- "${files[@]}"
 best "$runs" "./batch, local cluster" "${#files[@]}" batch
-best "$runs" "./batch, cluster already running" "${#files[@]}" batch --scheduler "tcp://127.0.0.1:$port"
+best "$runs" "./batch, cluster already running" "${#files[@]}" \
+    batch --scheduler "tcp://127.0.0.1:$port"
 best 1 "sarvelinth, once per file" "$oneByOne" one_by_one_tool
 best 1 "ffprobe, once per file" "$oneByOne" one_by_one_ffprobe
 echo "rows: $(wc -l <"$work/rows.jsonl")"
