@@ -84,6 +84,20 @@ enum class Payload {
     Filler,    // bytes that mean nothing (free, skip)
 };
 
+// The name of a payload kind in the reports: "data", "media-data" or "filler".
+inline const char *payloadName(Payload payload)
+{
+    switch (payload) {
+    case Payload::MediaData:
+        return "media-data";
+    case Payload::Filler:
+        return "filler";
+    case Payload::Data:
+        break;
+    }
+    return "data";
+}
+
 // How bad a problem of a file is.
 enum class Severity {
     Error,   // the file breaks the format's rules or loses data
@@ -162,3 +176,17 @@ enum class ElementState {
     InvalidSize, // a size smaller than the element's own header
     TooDeep,     // nested below the deepest level the parser walks
 };
+
+// The name of an element state in the reports.
+inline const char *elementStateName(ElementState state)
+{
+    switch (state) {
+    case ElementState::InvalidSize:
+        return "invalid-size";
+    case ElementState::TooDeep:
+        return "too-deep";
+    case ElementState::UnknownType:
+        break;
+    }
+    return "unknown-type";
+}

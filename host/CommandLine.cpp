@@ -10,15 +10,15 @@ constexpr int MaxBase = 36;
 constexpr int DescriptionColumn = 26;
 
 // The options, each declared once: the parser and --help are made from this table.
-struct OptionSpec {
+struct OptionRow {
     QStringList names;
     QString valueName; // empty for an option that takes no value
     QString description;
 };
 
-const QList<OptionSpec> &optionSpecs()
+const QList<OptionRow> &optionRows()
 {
-    static const QList<OptionSpec> specs = {
+    static const QList<OptionRow> rows = {
         {{"format"},
          "text|json|html",
          "output format (default text); json writes one object\n"
@@ -51,7 +51,7 @@ const QList<OptionSpec> &optionSpecs()
         {{"h", "help"}, {}, "show this help"},
         {{"version"}, {}, "show the version"},
     };
-    return specs;
+    return rows;
 }
 
 // The option as the user spelled it, for messages: the argument that names it, up to "=".
@@ -146,8 +146,8 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     QCommandLineParser parser;
     // Long options may be given with one dash too; "-o" stays the only short one.
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    for (const OptionSpec &spec : optionSpecs())
-        parser.addOption(QCommandLineOption(spec.names, spec.description, spec.valueName));
+    for (const OptionRow &option : optionRows())
+        parser.addOption(QCommandLineOption(option.names, option.description, option.valueName));
     // The parser expects the program's name in front.
     if (!parser.parse(QStringList{QStringLiteral("sarvelinth")} + arguments)) {
         *error = usageError(parser, arguments);
@@ -216,14 +216,14 @@ QString usageText()
         "its offset, size and fields, and the samples of the video streams.\n"
         "\n"
         "Options:\n");
-    for (const OptionSpec &spec : optionSpecs()) {
+    for (const OptionRow &option : optionRows()) {
         QStringList names;
-        for (const QString &name : spec.names)
+        for (const QString &name : option.names)
             names << (name.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + name;
         QString head = QStringLiteral("  ") + names.join(QStringLiteral(", "));
-        if (!spec.valueName.isEmpty())
-            head += QLatin1Char(' ') + spec.valueName;
-        const QStringList lines = spec.description.split(QLatin1Char('\n'));
+        if (!option.valueName.isEmpty())
+            head += QLatin1Char(' ') + option.valueName;
+        const QStringList lines = option.description.split(QLatin1Char('\n'));
         for (qsizetype i = 0; i < lines.size(); ++i) {
             const QString lead = i == 0 ? head : QString();
             text += lead.leftJustified(DescriptionColumn - 1) + QLatin1Char(' ') + lines[i] +

@@ -2,34 +2,6 @@
 
 #include <utility>
 
-namespace {
-const char *payloadText(Payload payload)
-{
-    switch (payload) {
-    case Payload::MediaData:
-        return "media-data";
-    case Payload::Filler:
-        return "filler";
-    case Payload::Data:
-        break;
-    }
-    return "data";
-}
-
-const char *stateText(ElementState state)
-{
-    switch (state) {
-    case ElementState::InvalidSize:
-        return "invalid-size";
-    case ElementState::TooDeep:
-        return "too-deep";
-    case ElementState::UnknownType:
-        break;
-    }
-    return "unknown-type";
-}
-} // namespace
-
 JsonWriter::JsonWriter(FILE *out, Keys keys)
     : ownBuffer(std::make_unique<OutputBuffer>(out))
     , out(*ownBuffer)
@@ -163,7 +135,7 @@ void JsonWriter::setElementValue(const QString &text)
 void JsonWriter::setElementState(ElementState state)
 {
     if (depth > 0 && annotated)
-        open[depth - 1].state = stateText(state);
+        open[depth - 1].state = elementStateName(state);
 }
 
 void JsonWriter::endElement()
@@ -204,7 +176,7 @@ void JsonWriter::addPayloadField(quint64 offset, quint64 size, const QString &na
     writeField(false, offset, 0, size, name, QString(), QString(), QString(), -1);
     if (annotated) {
         out.appendLiteral(",\"payload\":\"");
-        out.appendCString(payloadText(payload));
+        out.appendCString(payloadName(payload));
         out.put('"');
     }
     out.put('}');

@@ -63,7 +63,7 @@ struct TrackContext {
     int perSampleIvSize = -1;      // tenc: the IV bytes of each protected sample; -1 while unknown
     quint32 requiredBoxesSeen = 0; // for the checks: the boxes every track needs that it has
     bool hasCompositionOffsets = false; // a ctts box, read or not
-    std::vector<FragmentRun> runs; // of its movie fragments, in file order
+    std::vector<FragmentRun> runs;      // of its movie fragments, in file order
 };
 
 // One entry of an edit list.

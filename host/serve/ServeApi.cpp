@@ -138,30 +138,16 @@ void signedMember(QByteArray &out, const char *name, qint64 value)
     json::appendSigned(out, value);
 }
 
+// The names of an element's state and of a field's payload as the index keeps them: 0 for
+// none, else the value + 1.
 const char *stateText(quint8 state)
 {
-    switch (state) {
-    case 1 + int(ElementState::UnknownType):
-        return "unknown-type";
-    case 1 + int(ElementState::InvalidSize):
-        return "invalid-size";
-    case 1 + int(ElementState::TooDeep):
-        return "too-deep";
-    }
-    return nullptr;
+    return state ? elementStateName(ElementState(state - 1)) : nullptr;
 }
 
 const char *payloadText(quint8 payload)
 {
-    switch (payload) {
-    case 1 + int(Payload::Data):
-        return "data";
-    case 1 + int(Payload::MediaData):
-        return "media-data";
-    case 1 + int(Payload::Filler):
-        return "filler";
-    }
-    return nullptr;
+    return payload ? payloadName(Payload(payload - 1)) : nullptr;
 }
 
 void writeElement(QByteArray &out, const FileIndex &file, quint64 id,
