@@ -3,14 +3,20 @@
 # that are missing and configures and builds a build tree. Everything it prints goes to
 # stderr, so that stdout stays free for the report.
 
-SARVELINTH_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# ./run sets the root itself, which spares the subshells (each fork costs milliseconds).
+if [ -z "${SARVELINTH_ROOT:-}" ]; then
+    SARVELINTH_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+fi
 
 # What building and running needs.
 BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev libgtest-dev libgmock-dev libbenchmark-dev
     pkg-config)
+# What ./batch needs on top: Dask distributed runs the tool over many files.
+BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
-# python3 checks the JSON documents against their schema.
-TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev python3 python3-jsonschema)
+# python3 checks the JSON documents against their schema, pytest runs the tests of ./batch.
+TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev python3 python3-jsonschema python3-distributed
+    python3-pytest)
 
 # ensure_packages PACKAGE...: installs those not installed yet, with apt-get as root.
 ensure_packages() {
@@ -34,6 +40,21 @@ ensure_packages() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update >&2
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y --no-install-recommends "${missing[@]}" >&2
+}
+
+# ensure_packages_once STAMP PACKAGE...: ensure_packages, skipped when the file STAMP names
+# the same packages and is newer than dpkg's database, which every install and removal
+# rewrites. Checking each package with dpkg-query costs more than the tool's own run.
+ensure_packages_once() {
+    local stamp=$1 listed=''
+    shift
+    if [ -f "$stamp" ] && [ "$stamp" -nt /var/lib/dpkg/status ]; then
+        read -r listed <"$stamp" || true
+        [ "$listed" = "$*" ] && return 0
+    fi
+    ensure_packages "$@" || return 1
+    mkdir -p "$(dirname "$stamp")"
+    printf '%s\n' "$*" >"$stamp"
 }
 
 # ensure_browser_test: readies the browser test of the HTML report: Debian's chromium, and
@@ -60,12 +81,32 @@ ensure_browser_test() {
 
 # build_tree DIR [CMAKE_ARGUMENT...]: configures DIR (relative to the repository) when it
 # is new or when arguments are given, then builds it. Ninja reconfigures by itself when
-# a CMakeLists.txt changes.
+# a CMakeLists.txt changes. DIR/.build-stamp then bears the time the build started, so
+# that a file changed while it ran still counts as newer.
 build_tree() {
     local dir=$SARVELINTH_ROOT/$1
     shift
+    mkdir -p "$dir"
+    touch "$dir/.build-started"
     if [ ! -f "$dir/build.ninja" ] || [ $# -gt 0 ]; then
         cmake -S "$SARVELINTH_ROOT" -B "$dir" -G Ninja "$@" >&2
     fi
     cmake --build "$dir" -j "$(nproc)" >&2
+    mv -f "$dir/.build-started" "$dir/.build-stamp"
+}
+
+# build_tree_if_stale DIR: build_tree DIR, unless its last build is newer than every file
+# a build reads: the sources and CMakeLists.txt files, these scripts, the build's cache and
+# dpkg's database (a new Qt). Asking ninja costs a few hundred milliseconds; this, a few.
+build_tree_if_stale() {
+    local dir=$SARVELINTH_ROOT/$1 root=$SARVELINTH_ROOT newer
+    if [ -f "$dir/.build-stamp" ] && [ -x "$dir/bin/sarvelinth" ]; then
+        newer=$(find "$root/CMakeLists.txt" "$root/container-abstract" "$root/container-mp4" \
+            "$root/host" "$root/tests" "$root/bench" "$root/fuzz" "$root/scripts" \
+            "$dir/CMakeCache.txt" /var/lib/dpkg/status \
+            -path "$root/tests/browser/node_modules" -prune -o -newer "$dir/.build-stamp" \
+            -print -quit 2>/dev/null)
+        [ -z "$newer" ] && return 0
+    fi
+    build_tree "$1"
 }
