@@ -9,8 +9,8 @@ if [ -z "${SARVELINTH_ROOT:-}" ]; then
 fi
 
 # What building and running needs.
-BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev libgtest-dev libgmock-dev libbenchmark-dev
-    pkg-config)
+BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev
+    libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
 # What ./batch needs on top: Dask distributed runs the tool over many files.
 BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
