@@ -8,23 +8,12 @@
 // Exits 77 (skipped) when chromium or playwright-core is not installed.
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
-import { existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
-import os from 'node:os';
+import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath, pathToFileURL } from 'node:url';
 
-const SKIPPED = 77;
-const CHROMIUM = '/usr/bin/chromium';
-const CHROMIUM_ARGS = [
-  '--no-sandbox',
-  '--headless',
-  '--disable-gpu',
-  '--disable-background-networking',
-  '--disable-quic',
-  '--no-first-run',
-  '--disable-component-update',
-  '--disable-sync',
-];
+import { browserOrSkip, openBrowser, runChecks } from './harness.mjs';
+
 const SAMPLE = 'samples/sample.mp4';
 
 const [sarvelinth, outputDir] = process.argv.slice(2);
@@ -34,17 +23,7 @@ if (!sarvelinth || !outputDir) {
 }
 const sourceDir = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
 
-function skip(why) {
-  console.log(`SKIPPED: ${why}`);
-  process.exit(SKIPPED);
-}
-if (!existsSync(CHROMIUM)) skip(`no browser at ${CHROMIUM}: install Debian's chromium (./test does)`);
-let chromium;
-try {
-  ({ chromium } = await import('playwright-core'));
-} catch {
-  skip('playwright-core is not installed: run npm ci in tests/browser (./test does)');
-}
+const chromium = await browserOrSkip();
 
 // ---- The reports -------------------------------------------------------------------------
 
@@ -97,26 +76,7 @@ const embedded = JSON.parse(pageText.slice(pageText.indexOf(scriptStart) + scrip
 
 // ---- The browser -------------------------------------------------------------------------
 
-const profile = mkdtempSync(path.join(os.tmpdir(), 'sarvelinth-chromium-'));
-const context = await chromium.launchPersistentContext(profile, {
-  executablePath: CHROMIUM,
-  headless: true,
-  args: CHROMIUM_ARGS,
-  viewport: { width: 1400, height: 900 },
-});
-const page = context.pages()[0] || (await context.newPage());
-const problems = [];
-page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-page.on('console', (message) => {
-  if (message.type() === 'error') problems.push(`console: ${message.text()}`);
-});
-page.on('dialog', (dialog) => {
-  problems.push(`dialog: ${dialog.message()}`);
-  dialog.dismiss();
-});
-page.on('request', (request) => {
-  if (!request.url().startsWith('file:')) problems.push(`network request: ${request.url()}`);
-});
+const { page, problems, close } = await openBrowser(chromium, (url) => url.startsWith('file:'));
 
 async function open(file) {
   await page.goto(pathToFileURL(file).href);
@@ -343,20 +303,9 @@ check('a report with 100,000 samples opens in a few seconds and stays usable', a
 
 let failed = 0;
 try {
-  for (const { name, run } of checks) {
-    const before = problems.length;
-    try {
-      await run();
-      assert.deepEqual(problems.slice(before), []);
-      console.log(`ok - ${name}`);
-    } catch (error) {
-      failed++;
-      console.log(`not ok - ${name}\n${String(error.stack || error).replace(/^/gm, '    ')}`);
-    }
-  }
+  failed = await runChecks(checks, problems);
 } finally {
-  await context.close();
-  rmSync(profile, { recursive: true, force: true });
+  await close();
 }
 console.log(`${checks.length - failed} passed, ${failed} failed`);
 process.exit(failed ? 1 : 0);

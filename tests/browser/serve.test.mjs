@@ -10,14 +10,12 @@
 // Exits 77 (skipped) when chromium, playwright-core or ffmpeg is not installed.
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
-import { existsSync, mkdirSync, mkdtempSync, openSync, readSync, closeSync, rmSync } from 'node:fs';
+import { mkdirSync, mkdtempSync, openSync, readSync, closeSync, rmSync } from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
 
-const SKIPPED = 77;
-const CHROMIUM = '/usr/bin/chromium';
-const CHROMIUM_ARGS = ['--no-sandbox', '--headless', '--disable-gpu', '--disable-background-networking',
-  '--disable-quic', '--no-first-run', '--disable-component-update', '--disable-sync'];
+import { browserOrSkip, openBrowser, runChecks, skip } from './harness.mjs';
+
 const SAMPLES = 200000;
 
 const [sarvelinth, outputDir] = process.argv.slice(2);
@@ -25,17 +23,7 @@ if (!sarvelinth || !outputDir) {
   console.error('usage: node serve.test.mjs SARVELINTH OUTPUT_DIR');
   process.exit(2);
 }
-function skip(why) {
-  console.log(`SKIPPED: ${why}`);
-  process.exit(SKIPPED);
-}
-if (!existsSync(CHROMIUM)) skip(`no browser at ${CHROMIUM}: install Debian's chromium (./test does)`);
-let chromium;
-try {
-  ({ chromium } = await import('playwright-core'));
-} catch {
-  skip('playwright-core is not installed: run npm ci in tests/browser (./test does)');
-}
+const chromium = await browserOrSkip();
 try {
   execFileSync('ffmpeg', ['-version'], { stdio: 'ignore' });
 } catch {
@@ -80,22 +68,7 @@ const address = await new Promise((resolve, reject) => {
 
 // ---- The browser -------------------------------------------------------------------------
 
-const profile = mkdtempSync(path.join(os.tmpdir(), 'sarvelinth-chromium-'));
-const context = await chromium.launchPersistentContext(profile, {
-  executablePath: CHROMIUM,
-  headless: true,
-  args: CHROMIUM_ARGS,
-  viewport: { width: 1400, height: 900 },
-});
-const page = context.pages()[0] || (await context.newPage());
-const problems = [];
-page.on('pageerror', (error) => problems.push(`page error: ${error.message}`));
-page.on('console', (message) => {
-  if (message.type() === 'error') problems.push(`console: ${message.text()}`);
-});
-page.on('request', (request) => {
-  if (!request.url().startsWith(address)) problems.push(`request elsewhere: ${request.url()}`);
-});
+const { page, problems, close } = await openBrowser(chromium, (url) => url.startsWith(address));
 
 const api = (route) => page.evaluate((url) => fetch(url).then((r) => r.json()), `${address}api/v1/files/0${route}`);
 const noneLoading = (selector) =>
@@ -220,20 +193,9 @@ check('the problems of the check are asked for, and one chosen shows its box', a
 
 let failed = 0;
 try {
-  for (const { name, run } of checks) {
-    const before = problems.length;
-    try {
-      await run();
-      assert.deepEqual(problems.slice(before), []);
-      console.log(`ok - ${name}`);
-    } catch (error) {
-      failed++;
-      console.log(`not ok - ${name}\n${String(error.stack || error).replace(/^/gm, '    ')}`);
-    }
-  }
+  failed = await runChecks(checks, problems);
 } finally {
-  await context.close();
-  rmSync(profile, { recursive: true, force: true });
+  await close();
   server.kill('SIGTERM');
   const { code, signal } = await serverExit;
   if (code !== 0) {
