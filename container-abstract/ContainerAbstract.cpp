@@ -163,6 +163,11 @@ void ContainerAbstract::swapBytes(void *data, quint8 size)
 #endif
 }
 
+void ContainerAbstract::reportFileFacts(const FileFacts &facts)
+{
+    sink->setFileFacts(facts);
+}
+
 void ContainerAbstract::reportProblem(const Problem &problem)
 {
     if (checkProblems)

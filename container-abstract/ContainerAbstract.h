@@ -97,6 +97,8 @@ protected:
     void setElementValue(const QString &text);
     void swapBytes(void *data, quint8 size);
     int reportSample(uint stream, quint64 sampleIndex);
+    // What the file tells of itself; once, before the first stream is handed over.
+    void reportFileFacts(const FileFacts &facts);
     // A problem of the file, for the checks; nothing without them.
     void reportProblem(const Problem &problem);
     // The same for a sample of deep analysis, which brings its own record.

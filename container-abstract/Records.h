@@ -20,7 +20,6 @@ struct Sample {
 // What deep analysis tells of the track behind a stream.
 struct TrackFacts {
     quint32 trackId = 0;
-    QString handlerType;   // the handler of the track's media, such as "vide" or "soun"
     quint32 timescale = 0; // time units per second of the track's media; 0 when not known
     quint64 duration = 0;  // in the track's time units
     QString language;
@@ -39,8 +38,17 @@ struct StreamInfo {
     quint64 configOffset = 0;
     quint64 configSize = 0;
     QString codecName;               // the codec for people, such as "H.264"; empty when not known
+    QString handlerType;             // the handler of the track's media, such as "vide" or "soun"
     std::optional<TrackFacts> track; // deep analysis only
     QString boxPath;                 // where the stream's box lies, such as "moov/trak[1]"
+};
+
+// What a file tells of itself as a whole, for summaries: the brand it is written to and the
+// length of its presentation. Empty or 0 where the file does not tell.
+struct FileFacts {
+    QString majorBrand;
+    quint32 timescale = 0; // time units per second of the duration
+    quint64 duration = 0;
 };
 
 // Where a sample of a movie fragment came from: the moof (counted from 0 in the file, and its

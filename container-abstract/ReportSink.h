@@ -37,6 +37,10 @@ public:
     virtual void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                              const QString &comment) = 0;
 
+    // What the file tells of itself, after the element tree and before the streams. Sinks
+    // that do not summarize files take no notice.
+    virtual void setFileFacts(const FileFacts &facts);
+
     // Streams come after the element tree, in index order, each with its samples.
     virtual void beginStream(int index, const StreamInfo &info) = 0;
     virtual void addSample(quint64 sampleIndex, const Sample &sample) = 0;

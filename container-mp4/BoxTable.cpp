@@ -14,7 +14,7 @@ void ContainerMP4::buildBoxTable()
     };
     static const Row rows[] = {
         {"free", PlainBox, 0, &ContainerMP4::parseJunk},
-        {"ftyp", FileTypeBox, 0, &ContainerMP4::parseFileType},
+        {"ftyp", FileTypeBox, 0, &ContainerMP4::parseFileType, false, NotedBox::FileType},
         {"iods", PlainBox, 1, nullptr},
         {"moov", ContainerBox, 0, nullptr},
         {"mvhd", PlainBox, 1, &ContainerMP4::parseBoxMVHD, false, NotedBox::MovieHeader},
@@ -73,7 +73,7 @@ void ContainerMP4::buildBoxTable()
         {"strd", ContainerBox, 0, nullptr},
         {"meco", ContainerBox, 0, nullptr},
         {"mere", PlainBox, 1, nullptr},
-        {"styp", FileTypeBox, 0, &ContainerMP4::parseFileType},
+        {"styp", FileTypeBox, 0, &ContainerMP4::parseFileType, false, NotedBox::FileType},
         {"sidx", PlainBox, 1, nullptr},
         {"ssix", PlainBox, 1, nullptr},
         {"prft", PlainBox, 1, nullptr},

@@ -31,10 +31,11 @@ public:
 protected:
     using BoxHandler = int (ContainerMP4::*)(quint64 offset, quint64 size);
 
-    // The boxes whose place the walk notes, to read them again at the end: the movie header,
-    // and in a track the boxes that tell its samples and their timing.
+    // The boxes whose place the walk notes, to read them again at the end: the file type and
+    // the movie header, and in a track the boxes that tell its samples and their timing.
     enum class NotedBox {
         None,
+        FileType,
         MovieHeader,
         MediaData,
         TrackHeader,
@@ -192,6 +193,7 @@ private:
     int openTrakBoxes = 0;
     // What the walk notes of each stream's track, by stream index.
     std::vector<TrackContext> trackContexts;
+    TableBox fileType; // the first ftyp or styp of the top level
     TableBox movieHeader;
     std::vector<TableBox> mediaDataBoxes; // the payloads of mdat
     // What deep analysis gathers while the boxes are walked; null without deep analysis.

@@ -347,7 +347,7 @@ void JsonWriter::beginStream(int index, const StreamInfo &info)
     out.appendLiteral(",\"configSize\":");
     out.appendUnsigned(info.configSize);
     if (info.track)
-        writeTrackFacts(*info.track);
+        writeTrackFacts(info);
     out.appendLiteral(",\"samples\":[");
     inStream = true;
     streamHasSamples = false;
@@ -377,12 +377,13 @@ void JsonWriter::addSample(quint64 sampleIndex, const Sample &sample)
     out.put('}');
 }
 
-void JsonWriter::writeTrackFacts(const TrackFacts &facts)
+void JsonWriter::writeTrackFacts(const StreamInfo &info)
 {
+    const TrackFacts &facts = *info.track;
     out.appendLiteral(",\"trackId\":");
     out.appendUnsigned(facts.trackId);
     out.appendLiteral(",\"handlerType\":");
-    string(facts.handlerType);
+    string(info.handlerType);
     out.appendLiteral(",\"timescale\":");
     if (facts.timescale != 0)
         out.appendUnsigned(facts.timescale);

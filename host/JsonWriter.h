@@ -68,7 +68,8 @@ private:
     };
 
     void string(const QString &text);
-    void writeTrackFacts(const TrackFacts &facts);
+    // The deep facts of a stream, which has them.
+    void writeTrackFacts(const StreamInfo &info);
     // A number, or null without one.
     void optionalNumber(std::optional<qint64> value);
     // A table entry's index, or none for -1.

@@ -309,7 +309,7 @@ void TextWriter::writeStreamLine(bool withCount)
     out.appendLiteral(" size ");
     out.appendUnsigned(stream.configSize);
     if (stream.track)
-        writeTrackFacts(*stream.track);
+        writeTrackFacts(stream);
     if (withCount) {
         out.appendLiteral(", ");
         writeSampleCount();
@@ -317,12 +317,13 @@ void TextWriter::writeStreamLine(bool withCount)
     out.put('\n');
 }
 
-void TextWriter::writeTrackFacts(const TrackFacts &facts)
+void TextWriter::writeTrackFacts(const StreamInfo &info)
 {
+    const TrackFacts &facts = *info.track;
     out.appendLiteral(", track ");
     out.appendUnsigned(facts.trackId);
     out.put(' ');
-    text(facts.handlerType.isEmpty() ? QStringLiteral("-") : facts.handlerType);
+    text(info.handlerType.isEmpty() ? QStringLiteral("-") : info.handlerType);
     out.put(' ');
     text(facts.sampleEntry.isEmpty() ? QStringLiteral("-") : facts.sampleEntry);
     out.appendLiteral(", timescale ");

@@ -61,7 +61,8 @@ private:
     // Closes the elements and the stream still open, before what closes the report.
     void leaveStreams();
     void writeStreamLine(bool withCount);
-    void writeTrackFacts(const TrackFacts &facts);
+    // The deep facts of a stream, which has them.
+    void writeTrackFacts(const StreamInfo &info);
     void writeSampleCount();
     void writeSampleTableHeader();
 

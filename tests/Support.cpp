@@ -126,7 +126,7 @@ QString deepDump(const QByteArray &input)
         if (const std::optional<TrackFacts> &facts = info.track) {
             all += QStringLiteral(" | track %1 %2 %3 %4 %5 %6")
                        .arg(facts->trackId)
-                       .arg(facts->handlerType, facts->sampleEntry)
+                       .arg(info.handlerType, facts->sampleEntry)
                        .arg(facts->timescale)
                        .arg(facts->duration)
                        .arg(facts->language);

@@ -170,6 +170,11 @@ void ProblemChecker::addRawField(quint64 offset, quint64 size, const quint8 *dat
     next.addRawField(offset, size, data, name, comment);
 }
 
+void ProblemChecker::setFileFacts(const FileFacts &facts)
+{
+    next.setFileFacts(facts);
+}
+
 void ProblemChecker::beginStream(int index, const StreamInfo &info)
 {
     if (sortedMediaData.empty() && !mediaData.empty())

@@ -45,6 +45,7 @@ public:
                          Payload payload) override;
     void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                      const QString &comment) override;
+    void setFileFacts(const FileFacts &facts) override;
     void beginStream(int index, const StreamInfo &info) override;
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;

@@ -19,6 +19,11 @@ int ContainerMP4::parseBoxHDLR(quint64 offset, quint64 size)
     const QString handlerType = Render::latin1Text(handlerBytes, 4);
     currentTrackType = handlerType == QLatin1String("vide") ? VideoTrack : OtherTrack;
     reportField(offset + 4, 4, "handler_type", handlerType);
+    // The handler of a track's media tells what its stream holds; a data handler inside minf
+    // does not.
+    if (openTrakBoxes > 0 && boxPath.size() >= 2 &&
+        boxPath[boxPath.size() - 2] == QLatin1String("mdia"))
+        currentStream()->handlerType = handlerType;
 
     input.seek(qint64(offset + 8));
     quint32 reserved[3] = {};

@@ -32,8 +32,8 @@ int parseHandler(PayloadReader &box)
     }
     box.rest("padding");
     if (box.parentType() == QLatin1String("mdia") && box.ok()) {
-        if (TrackFacts *facts = box.facts())
-            facts->handlerType = handlerType;
+        if (StreamInfo *stream = box.stream())
+            stream->handlerType = handlerType;
     }
     return ContainerAbstract::ParseOk;
 }

@@ -333,7 +333,7 @@ int parseSampleEntry(PayloadReader &entry, const QString &handler, bool first, b
 int parseSampleDescription(PayloadReader &box)
 {
     const quint32 count = box.u32("entry_count");
-    const QString handler = box.facts() ? box.facts()->handlerType : QString();
+    const QString handler = box.stream() ? box.stream()->handlerType : QString();
     const QString name = QStringLiteral("sample_entry");
     int result = ContainerAbstract::ParseOk;
     // The entries are siblings: a second entry of a type is named with its place.

@@ -43,6 +43,9 @@ private:
 // samples of every track in a way of its own (deep/TrackSampleWalk.cpp).
 void ContainerMP4::finalizeParsing()
 {
+    reportFileFacts({TrackBoxes::majorBrand(input, fileType),
+                     TrackBoxes::timescale(input, movieHeader),
+                     TrackBoxes::duration(input, movieHeader)});
     checkTracks();
     if (deep) {
         walkTrackSamples();

@@ -36,6 +36,16 @@ quint32 TrackBoxes::timescale(InputDevice &input, const TableBox &header)
     return quint32(numberAt(input, header, 2 * timeWidth(header), 4));
 }
 
+QString TrackBoxes::majorBrand(InputDevice &input, const TableBox &fileType)
+{
+    // The field's text ends at its first zero byte.
+    const quint64 brand = numberAt(input, fileType, 0, 4);
+    QString text;
+    for (int shift = 24; shift >= 0 && quint8(brand >> shift) != 0; shift -= 8)
+        text += QChar::fromLatin1(char(brand >> shift));
+    return text;
+}
+
 quint64 TrackBoxes::duration(InputDevice &input, const TableBox &mediaHeader)
 {
     const quint64 w = timeWidth(mediaHeader);

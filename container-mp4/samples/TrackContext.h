@@ -79,7 +79,9 @@ namespace TrackBoxes {
 quint32 trackId(InputDevice &input, const TableBox &trackHeader);
 // timescale of an mvhd or mdhd; 0 without one.
 quint32 timescale(InputDevice &input, const TableBox &header);
-// duration of an mdhd; 0 without one.
+// The major brand of an ftyp or styp, as its field shows it; empty without one.
+QString majorBrand(InputDevice &input, const TableBox &fileType);
+// duration of an mvhd or mdhd; 0 without one.
 quint64 duration(InputDevice &input, const TableBox &mediaHeader);
 // The ISO 639-2 code of an mdhd; empty where it holds none.
 QString language(InputDevice &input, const TableBox &mediaHeader);

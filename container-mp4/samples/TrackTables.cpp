@@ -30,6 +30,11 @@ void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
 {
     if (kind == NotedBox::None)
         return;
+    if (kind == NotedBox::FileType) {
+        if (!fileType.present && boxPath.size() == 1)
+            fileType = TableBox{payload, size, 0, true, QString()};
+        return;
+    }
     const TableBox box{payload, size, boxVersion, true, pathText()};
     if (kind == NotedBox::MovieHeader)
         movieHeader = box;
@@ -67,6 +72,7 @@ void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
         track.syncSamples = box;
         break;
     case NotedBox::None:
+    case NotedBox::FileType:
     case NotedBox::MovieHeader:
     case NotedBox::MediaData:
         break;

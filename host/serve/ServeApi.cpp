@@ -246,7 +246,7 @@ void writeStream(QByteArray &out, const FileIndex::Stream &stream)
         out += ',';
         numberMember(out, "trackId", facts->trackId);
         out += ",\"handlerType\":";
-        json::appendString(out, facts->handlerType);
+        json::appendString(out, info.handlerType);
         out += ",\"timescale\":";
         if (facts->timescale != 0)
             json::appendNumber(out, facts->timescale);
