@@ -20,10 +20,13 @@ const QList<OptionRow> &optionRows()
 {
     static const QList<OptionRow> rows = {
         {{"format"},
-         "text|json|html",
+         "text|json|html|summary|json+summary",
          "output format (default text); json writes one object\n"
          "per file, each on one line; html writes one page for\n"
-         "all files, to open in a browser"},
+         "all files, to open in a browser; summary writes one\n"
+         "short line per file: brand, duration, streams and, with\n"
+         "--check, problem counts; json+summary writes each file's\n"
+         "json line, then its summary line"},
         {{"o", "output"}, "FILE", "write the report to FILE instead of standard output"},
         {{"serve"},
          {},
@@ -106,9 +109,13 @@ bool parseFormat(const QString &text, Options::Format *format, QString *error)
         {"text", Options::Format::Text},
         {"json", Options::Format::Json},
         {"html", Options::Format::Html},
+        {"summary", Options::Format::Summary},
+        {"json+summary", Options::Format::JsonAndSummary},
     };
     if (!formats.contains(text)) {
-        *error = QStringLiteral("--format: 'text', 'json' or 'html', not '%1'").arg(text);
+        *error = QStringLiteral(
+                     "--format: 'text', 'json', 'html', 'summary' or 'json+summary', not '%1'")
+                     .arg(text);
         return false;
     }
     *format = formats.value(text);

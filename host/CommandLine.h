@@ -7,7 +7,7 @@
 
 // What the command line asks for.
 struct Options {
-    enum class Format { Text, Json, Html };
+    enum class Format { Text, Json, Html, Summary, JsonAndSummary };
 
     Format format = Format::Text;
     bool showSamples = false;

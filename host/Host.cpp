@@ -7,6 +7,7 @@
 #include "PluginLoader.h"
 #include "ServeIndex.h"
 #include "Server.h"
+#include "SummaryWriter.h"
 #include "TextWriter.h"
 
 #include <QFile>
@@ -139,6 +140,11 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
     if (loader.plugins().empty())
         message(err, QStringLiteral("no container plugins found in %1").arg(pluginDir));
 
+    // The document of the basic report keeps its keys as they have always been; those of deep
+    // analysis and checks are new, and carry the annotations too.
+    const JsonWriter::Keys keys = options.settings.deepAnalysis || options.settings.checkProblems
+                                      ? JsonWriter::Keys::Annotated
+                                      : JsonWriter::Keys::Plain;
     std::unique_ptr<ReportWriter> writer;
     ServeIndex *served = nullptr;
     if (options.serve) {
@@ -146,12 +152,14 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
         served = index.get();
         writer = std::move(index);
     } else if (options.format == Options::Format::Json)
-        // The document of the basic report keeps its keys as they have always been; those
-        // of deep analysis and checks are new, and carry the annotations too.
-        writer = std::make_unique<JsonWriter>(reportOut, options.settings.deepAnalysis ||
-                                                                 options.settings.checkProblems
-                                                             ? JsonWriter::Keys::Annotated
-                                                             : JsonWriter::Keys::Plain);
+        writer = std::make_unique<JsonWriter>(reportOut, keys);
+    else if (options.format == Options::Format::Summary ||
+             options.format == Options::Format::JsonAndSummary)
+        writer = std::make_unique<SummaryWriter>(reportOut, options.settings.checkProblems,
+                                                 options.format == Options::Format::JsonAndSummary
+                                                     ? SummaryWriter::Reports::With
+                                                     : SummaryWriter::Reports::Without,
+                                                 keys);
     else if (options.format == Options::Format::Html)
         writer = std::make_unique<HtmlWriter>(reportOut);
     else

@@ -2,15 +2,15 @@
 
 #include "ReportWriter.h"
 
-#include <initializer_list>
+#include <utility>
 #include <vector>
 
 // A writer made of other sinks: every report call goes to each of them in the order given.
 // What the output is made of around the reports is left to the writer that derives from it.
 class TeeWriter : public ReportWriter {
 public:
-    explicit TeeWriter(std::initializer_list<ReportSink *> sinks)
-        : sinks(sinks)
+    explicit TeeWriter(std::vector<ReportSink *> sinks)
+        : sinks(std::move(sinks))
     {
     }
 
@@ -77,6 +77,11 @@ public:
     {
         for (ReportSink *sink : sinks)
             sink->addRawField(offset, size, data, name, comment);
+    }
+    void setFileFacts(const FileFacts &facts) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->setFileFacts(facts);
     }
     void beginStream(int index, const StreamInfo &info) override
     {

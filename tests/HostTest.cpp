@@ -154,7 +154,7 @@ TEST(Host, ExitStatusesAndMessages)
         {{"--version"}, 0, ""},
         {{}, 2, "sarvelinth: no file given\n..."},
         {{"--bogus", SampleFile}, 2, "sarvelinth: unknown option '--bogus'\n..."},
-        {{"--format", "xml", SampleFile}, 2, "sarvelinth: --format: 'text', 'json' or 'html'..."},
+        {{"--format", "xml", SampleFile}, 2, "sarvelinth: --format: 'text', 'json', 'html', 'summary' or 'json+summary', not 'xml'\n..."},
         {{"--format"}, 2, "sarvelinth: --format needs a value\n..."},
         {{"--size-base=ten", SampleFile}, 2, "sarvelinth: --size-base: the base must..."},
         {{"--max-unknown-data", "-1", SampleFile}, 2, "sarvelinth: --max-unknown-data:..."},
@@ -214,6 +214,85 @@ TEST(Host, FilesThatAreNoMP4AreReportedAsUnknownElements)
                        "sarvelinth: folder.mp4: is a directory\n" +
                            QByteArray("Container format:\tMP4\n").repeated(4));
     expectGolden("Host/files-that-are-no-mp4", QString::fromUtf8(run.out));
+}
+
+// The summary of each file tells what its full report does: brand and duration as its boxes
+// give them, each stream's handler, codec and samples, and its problems by severity and code.
+// With json+summary each file's report line comes first, then its summary line.
+TEST(SummaryWriter, SummariesAgreeWithTheReportsTheyFollow)
+{
+    QStringList files =
+        QDir(SourceDir + "/tests/data")
+            .entryList({"*.mp4", "*.mov", "*.m4a", "*.m4s"}, QDir::Files, QDir::Name)
+            .replaceInStrings(QRegularExpression("^"), "tests/data/");
+    files << "no.mp4";
+    const QStringList options = {"--check", "--deep"};
+    const QList<QByteArray> reports =
+        runTool(QStringList{"--format=json"} + options + files).out.split('\n');
+    const QList<QByteArray> summaries =
+        runTool(QStringList{"--format=summary"} + options + files).out.split('\n');
+    const QList<QByteArray> both =
+        runTool(QStringList{"--format=json+summary"} + options + files).out.split('\n');
+    ASSERT_EQ(reports.size(), files.size() + 1);
+    ASSERT_EQ(summaries.size(), files.size() + 1);
+
+    qsizetype line = 0;
+    for (qsizetype i = 0; i < files.size(); ++i) {
+        SCOPED_TRACE(files[i].toStdString());
+        const QJsonObject report = QJsonDocument::fromJson(reports[i]).object();
+        const QJsonObject summary = QJsonDocument::fromJson(summaries[i]).object();
+        EXPECT_EQ(both.value(line++), reports[i]);
+        if (report.contains("error")) {
+            EXPECT_EQ(summaries[i], reports[i]);
+            continue;
+        }
+        EXPECT_EQ(both.value(line++), summaries[i]);
+
+        // The first brand and the movie header's times, from the box tree.
+        QString brand;
+        QJsonValue timescale, duration;
+        for (const QJsonValue &box : report["elements"].toArray()) {
+            for (const QJsonValue &child : box["children"].toArray()) {
+                const QString name = child["name"].toString();
+                if (name == "major_brand" && brand.isEmpty())
+                    brand = child["value"].toString();
+                for (const QJsonValue &field : child["children"].toArray()) {
+                    if (child["name"] == "mvhd" && field["name"] == "timescale")
+                        timescale = field["value"].toString().toLongLong();
+                    if (child["name"] == "mvhd" && field["name"] == "duration")
+                        duration = field["value"].toString().toLongLong();
+                }
+            }
+        }
+        EXPECT_EQ(summary["majorBrand"], brand.isEmpty() ? QJsonValue() : QJsonValue(brand));
+        EXPECT_EQ(summary["timescale"], timescale.isUndefined() ? QJsonValue() : timescale);
+        EXPECT_EQ(summary["duration"], duration.isUndefined() ? QJsonValue() : duration);
+
+        const QJsonArray streams = report["streams"].toArray();
+        ASSERT_EQ(summary["streams"].toArray().size(), streams.size());
+        for (qsizetype s = 0; s < streams.size(); ++s) {
+            const QJsonValue stream = summary["streams"][s];
+            for (const char *key : {"index", "handlerType", "codecName", "sampleEntry"})
+                EXPECT_EQ(stream[key], streams[s][key]) << key;
+            EXPECT_EQ(stream["samples"].toInteger(), streams[s]["samples"].toArray().size());
+        }
+        QJsonObject counts{{"error", 0}, {"warning", 0}, {"info", 0}};
+        QJsonArray codes;
+        for (const QJsonValue &problem : report["problems"].toArray()) {
+            counts[problem["severity"].toString()] =
+                counts[problem["severity"].toString()].toInt() + 1;
+            if (!codes.contains(problem["code"]))
+                codes.append(problem["code"]);
+        }
+        EXPECT_EQ(summary["problems"], counts);
+        EXPECT_EQ(summary["problemCodes"], codes);
+    }
+    EXPECT_EQ(both.value(line), "");
+
+    // Without checks a summary has no problems; without deep analysis no sample entries, and
+    // samples only of video.
+    expectGolden("Host/summaries",
+                 QString::fromUtf8(runTool(QStringList{"--format=summary"} + files).out));
 }
 
 TEST(Host, WritersShowTheWholeModelInOrder)

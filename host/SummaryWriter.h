@@ -1,0 +1,85 @@
+#pragma once
+
+#include "JsonWriter.h"
+#include "OutputBuffer.h"
+#include "TeeWriter.h"
+
+#include <QStringList>
+
+#include <vector>
+
+// Writes a summary of each file as one JSON object on one line: what the file is (its major
+// brand, the length of its presentation, its streams with their handlers, codecs and sample
+// counts) and, when the files are checked, how many problems of each severity it lists and
+// their codes. A file that gets no report gets the JSON writer's error line. With the reports,
+// each file's JSON report comes first, on its own line, then its summary.
+// docs/json-format.md describes the summary.
+class SummaryWriter : public TeeWriter {
+public:
+    enum class Reports { Without, With };
+
+    SummaryWriter(FILE *file, bool checked, Reports reports, JsonWriter::Keys reportKeys);
+
+    void setContainerName(const QString &name) override;
+    void reportError(const QString &fileName, const QString &problem) override;
+    void flush() override;
+    int writeError() const override;
+
+private:
+    // What the summary of one file is made of, gathered from its report.
+    class Summary : public ReportSink {
+    public:
+        Summary(OutputBuffer &out, bool checked);
+
+        QString containerName;
+
+        void beginReport(const QString &fileName, quint64 fileSize) override;
+        void endReport() override;
+        void beginElement(quint64, quint64, const QString &, qint64) override {}
+        void setElementOffset(quint64) override {}
+        void setElementSize(quint64) override {}
+        void setElementNote(const QString &) override {}
+        void setElementValue(const QString &) override {}
+        void endElement() override {}
+        void addField(bool, quint64, quint8, quint64, const QString &, const QString &,
+                      const QString &, const QString &, qint64) override
+        {
+        }
+        void addPayloadField(quint64, quint64, const QString &, Payload) override {}
+        void addRawField(quint64, quint64, const quint8 *, const QString &,
+                         const QString &) override
+        {
+        }
+        void setFileFacts(const FileFacts &facts) override { file = facts; }
+        void beginStream(int index, const StreamInfo &info) override;
+        void addSample(quint64, const Sample &) override { ++streams.back().samples; }
+        void addTrackSample(quint64, const TrackSample &) override { ++streams.back().samples; }
+        void endStream() override {}
+        void addProblem(const Problem &problem) override;
+
+    private:
+        struct Stream {
+            int index = 0;
+            QString handlerType;
+            QString codecName;
+            QString sampleEntry; // of deep analysis only
+            bool deep = false;
+            quint64 samples = 0;
+        };
+
+        void string(const QString &text);
+
+        OutputBuffer &out;
+        bool checked;
+        QString fileName;
+        quint64 fileSize = 0;
+        FileFacts file;
+        std::vector<Stream> streams;
+        quint64 problemCounts[3] = {};
+        QStringList problemCodes; // each once, in the order they first come
+    };
+
+    OutputBuffer out;
+    JsonWriter report;
+    Summary summary;
+};
