@@ -138,8 +138,8 @@ def load_rows(output):
                 row = json.loads(line)
             except ValueError:
                 raise RunFailed("%s: not the rows of ./batch" % output) from None
-            rows[row["path"]] = (row["size"], row["mtime"], row["status"], row["exit"],
-                                 row["codes"])
+            path, *entry = chunk.kept(row)
+            rows[path] = tuple(entry)
             kept += len(line)
         file.truncate(kept)
     return rows
@@ -176,7 +176,7 @@ def candidate_paths(arguments):
 def walk(arguments, done, found, out):
     """Puts on out what there is to do, in order: chunks of files to check, lists of
     (path, size, mtime), of at most --chunk-files files and about --chunk-bytes bytes;
-    and lists of one finished row, for a file that cannot be looked at. Runs in its own
+    and the finished row, encoded, of a file that cannot be looked at. Runs in its own
     thread so that the checks start at once; ends with None, or with an exception."""
     try:
         seen = set()
@@ -193,7 +193,7 @@ def walk(arguments, done, found, out):
                     found[0] += 1
                     row = chunk.failed_row(entry, chunk.UNREADABLE, error.strerror)
                     row["exit"] = chunk.EXIT_FILE_FAILED
-                    out.put([row])
+                    out.put(chunk.encoded([row]))
                 continue
             entry = (path, status.st_size, status.st_mtime)
             if done.get(path, ())[:2] == entry[1:]:
@@ -223,10 +223,11 @@ class Progress:
         self.done = 0
         self.errors = 0
 
-    def add(self, rows):
-        self.done += len(rows)
-        self.errors += sum(1 for row in rows if row["exit"] not in (0, None) or
-                           row["status"] in (chunk.TIMEOUT, chunk.CRASHED))
+    def add(self, kept):
+        """Counts rows, given by what the driver keeps of each."""
+        self.done += len(kept)
+        self.errors += sum(1 for _, _, _, status, exit, _ in kept if exit not in (0, None) or
+                           status in (chunk.TIMEOUT, chunk.CRASHED))
 
     def show(self, found, walking, final=False):
         now = time.monotonic()
@@ -296,8 +297,10 @@ def summary_text(summary):
 
 
 def start_client(arguments):
-    """A client of the cluster named by --scheduler, or of a new local one: one worker
-    process per core with one thread each, reachable from this machine only."""
+    """A client of the cluster named by --scheduler, or of a new local one: one worker per
+    core. The local workers are threads of this process, linked without a network: the
+    work of each is the tool's own process, so that worker processes would only add their
+    start-up, most of a second."""
     import dask
     from distributed import Client, LocalCluster
 
@@ -308,11 +311,34 @@ def start_client(arguments):
         # second, which the thread reading the tool's output then waits for.
         dask.config.set({"distributed.worker.profile.enabled": False})
         cluster = LocalCluster(n_workers=arguments.workers, threads_per_worker=1,
-                               processes=True, host="127.0.0.1", dashboard_address=None,
+                               processes=False, dashboard_address=None,
                                silence_logs=logging.ERROR)
         client = Client(cluster)
-    client.upload_file(chunk.__file__)
+    if arguments.scheduler:
+        client.upload_file(chunk.__file__)
     return client
+
+
+class HeadStart(threading.Thread):
+    """A chunk checked in a thread of the driver while Dask is imported and a local
+    cluster starts, which takes most of a second: the tool's process has a core to itself
+    in the meantime."""
+
+    def __init__(self, call):
+        super().__init__(daemon=True)
+        self.call = call
+        self.outcome = None
+
+    def run(self):
+        try:
+            self.outcome = self.call()
+        except Exception as error:  # handed to the main thread, which reports it
+            self.outcome = error
+
+    def rows(self):
+        if isinstance(self.outcome, Exception):
+            raise RunFailed("a chunk failed: %r" % self.outcome)
+        return self.outcome
 
 
 class Run:
@@ -327,14 +353,27 @@ class Run:
         self.progress = progress
         self.chunks = {}
         self.limit = 0
+        self.head = None  # a HeadStart while it runs
 
-    def start(self):
+    def start(self, files):
         """Starts the cluster when the first chunk is ready: a rerun with nothing left to
-        do starts none."""
+        do starts none. The first chunk of a local cluster is checked here meanwhile."""
+        if not self.arguments.scheduler:
+            self.head = HeadStart(lambda: chunk.check_chunk_encoded(*self.chunk_arguments(files)))
+            self.head.start()
         self.client = start_client(self.arguments)
         self.limit = 3 * max(len(self.client.scheduler_info()["workers"]), 1)
+        if self.head is None:
+            self.submit(files)
+
+    def chunk_arguments(self, files):
+        arguments = self.arguments
+        return (arguments.tool, files, arguments.deep, arguments.timeout,
+                arguments.memory_limit, arguments.reports and os.path.abspath(arguments.reports))
 
     def close(self):
+        # The local workers and the head start are threads of this process.
+        chunk.stop_tools()
         if self.client is not None:
             cluster = self.client.cluster
             self.client.close()
@@ -343,21 +382,20 @@ class Run:
 
     def submit(self, files):
         if self.client is None:
-            self.start()
-        arguments = self.arguments
-        future = self.client.submit(
-            chunk.check_chunk, arguments.tool, files, arguments.deep, arguments.timeout,
-            arguments.memory_limit, arguments.reports and os.path.abspath(arguments.reports),
-            pure=False, retries=1)
+            self.start(files)
+            return
+        future = self.client.submit(chunk.check_chunk_encoded, *self.chunk_arguments(files),
+                                    pure=False, retries=1)
         self.chunks[future] = files
 
     def write(self, rows):
-        self.output.write("".join(json.dumps(row) + "\n" for row in rows).encode())
+        """Writes rows, encoded (chunk.encoded)."""
+        text, kept = rows
+        self.output.write(text)
         self.output.flush()
-        for row in rows:
-            self.rows[row["path"]] = (row["size"], row["mtime"], row["status"], row["exit"],
-                                      row["codes"])
-        self.progress.add(rows)
+        for path, *entry in kept:
+            self.rows[path] = tuple(entry)
+        self.progress.add(kept)
 
     def collect(self, future):
         """Writes the rows of a finished chunk. A chunk whose worker died again and again
@@ -377,14 +415,12 @@ class Run:
             self.submit(files[half:])
         else:
             message = "the worker failed on it: %r" % future.exception()
-            self.write([chunk.failed_row(files[0], chunk.CRASHED, message)])
+            self.write(chunk.encoded([chunk.failed_row(files[0], chunk.CRASHED, message)]))
         future.release()
 
     def run(self, items, found, walker):
-        from distributed import wait
-
         ended = False
-        while not ended or self.chunks:
+        while not ended or self.chunks or self.head:
             while not ended and (self.client is None or len(self.chunks) < self.limit):
                 try:
                     item = items.get(timeout=0 if self.chunks else 0.5)
@@ -394,17 +430,24 @@ class Run:
                     raise item
                 if item is None:
                     ended = True
-                elif isinstance(item[0], dict):
+                elif isinstance(item, tuple):
                     self.write(item)
                 else:
                     self.submit(item)
+            if self.head and not self.head.is_alive():
+                self.write(self.head.rows())
+                self.head = None
             if self.chunks:
+                from distributed import wait
+
                 try:
                     wait(list(self.chunks), timeout=0.2, return_when="FIRST_COMPLETED")
                 except TimeoutError:
                     pass
                 for future in [future for future in self.chunks if future.done()]:
                     self.collect(future)
+            elif self.head:
+                self.head.join(0.2)
             self.progress.show(found[0], walker.is_alive())
 
 

@@ -1,6 +1,6 @@
 """./batch on a local Dask cluster of two workers: one row per file with the right status,
-resuming after the driver is killed, a worker killed in the middle, time limits and
-crashes."""
+resuming after the driver is killed, a worker process killed in the middle, time limits
+and crashes."""
 
 import gzip
 import json
@@ -8,7 +8,9 @@ import os
 import signal
 import stat
 import subprocess
+import time
 
+import pytest
 from conftest import (batch_command, finish, read_rows, start_batch, stop_group,
                       wait_for_rows)
 
@@ -99,36 +101,26 @@ def test_a_killed_run_resumes_with_the_same_rows(tool, tree, tmp_path):
     assert_rows_as_expected(read_rows(output), expected)
 
 
-def worker_processes(driver):
-    """The processes of the driver's local workers: its children that multiprocessing
-    started."""
-    children = []
-    for task in os.listdir("/proc/%d/task" % driver):
-        with open("/proc/%d/task/%s/children" % (driver, task)) as file:
-            children += [int(pid) for pid in file.read().split()]
-    workers = []
-    for pid in children:
-        try:
-            with open("/proc/%d/cmdline" % pid, "rb") as file:
-                if b"spawn_main" in file.read():
-                    workers.append(pid)
-        except FileNotFoundError:
-            pass
-    return workers
-
-
+# Tornado's own deprecation, from the cluster started in this process.
+@pytest.mark.filterwarnings("ignore::DeprecationWarning")
 def test_a_killed_worker_changes_no_row(tool, tree, tmp_path):
+    """On a cluster of worker processes, started here on 127.0.0.1, one of them is killed
+    by its process id in the middle of the run."""
+    from distributed import Client, LocalCluster
+
     top, extra, expected = tree
     output = tmp_path / "rows.jsonl"
-    process = start_batch(tool, output, "--chunk-files", "50", top, *extra)
-    try:
-        written = wait_for_rows(output, 300, process)
-        workers = worker_processes(process.pid)
-        assert workers, "no worker process found"
-        os.kill(workers[0], signal.SIGKILL)
-        status, err = finish(process)
-    finally:
-        stop_group(process)
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, host="127.0.0.1",
+                      dashboard_address=None) as cluster, Client(cluster) as client:
+        workers = list(client.run(os.getpid).values())
+        process = start_batch(tool, output, "--chunk-files", "50", "--scheduler",
+                              cluster.scheduler_address, top, *extra)
+        try:
+            written = wait_for_rows(output, 300, process)
+            os.kill(workers[0], signal.SIGKILL)
+            status, err = finish(process)
+        finally:
+            stop_group(process)
     assert written < len(expected)
     assert status == 1, err
     assert_rows_as_expected(read_rows(output), expected)
@@ -188,3 +180,41 @@ def test_usage_errors_exit_2(tool, tmp_path):
     assert subprocess.run(command, env=environment, capture_output=True).returncode == 2
     command = batch_command(str(tmp_path / "none"), tmp_path / "rows.jsonl", tmp_path)
     assert subprocess.run(command, env=environment, capture_output=True).returncode == 2
+
+
+def group_members(group):
+    """The processes of a process group, from /proc."""
+    members = []
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open("/proc/%s/stat" % name) as file:
+                fields = file.read().rsplit(")", 1)[1].split()
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+        if int(fields[2]) == group:
+            members.append(int(name))
+    return members
+
+
+def test_an_interrupted_run_leaves_no_tool_behind(tmp_path):
+    """Stopped as by Ctrl-C while its tools hang, ./batch ends at once with 130 and leaves
+    none of them running."""
+    hanging = tmp_path / "hanging"
+    hanging.write_text('#!/bin/bash\n[ "$1" = --version ] && exit 0\nexec sleep 60\n')
+    hanging.chmod(0o755)
+    for index in range(4):
+        (tmp_path / ("f%d.mp4" % index)).write_bytes(b"\x00\x00\x00\x08free")
+    process = start_batch(str(hanging), tmp_path / "rows.jsonl", "--chunk-files", "1",
+                          tmp_path)
+    try:
+        deadline = time.monotonic() + 60
+        while len(group_members(process.pid)) < 3 and time.monotonic() < deadline:
+            time.sleep(0.05)  # the driver and two tools
+        assert len(group_members(process.pid)) >= 3, "no tool started"
+        process.send_signal(signal.SIGTERM)
+        _, err = process.communicate(timeout=30)
+        assert process.returncode == 130, err
+        time.sleep(0.2)
+        assert group_members(process.pid) == []
+    finally:
+        stop_group(process)
