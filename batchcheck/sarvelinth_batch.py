@@ -319,10 +319,9 @@ def start_client(arguments):
     return client
 
 
-class HeadStart(threading.Thread):
-    """A chunk checked in a thread of the driver while Dask is imported and a local
-    cluster starts, which takes most of a second: the tool's process has a core to itself
-    in the meantime."""
+class LocalCheck(threading.Thread):
+    """A chunk checked by the driver, in a thread of its own, while a local cluster
+    starts."""
 
     def __init__(self, call):
         super().__init__(daemon=True)
@@ -341,9 +340,32 @@ class HeadStart(threading.Thread):
         return self.outcome
 
 
+class ClusterStart(threading.Thread):
+    """Imports Dask and starts a local cluster and its client, which takes most of a
+    second; meanwhile the driver checks chunks itself, one at a time (LocalCheck)."""
+
+    def __init__(self, arguments):
+        super().__init__(daemon=True)
+        self.arguments = arguments
+        self.outcome = None
+
+    def run(self):
+        try:
+            self.outcome = start_client(self.arguments)
+        except Exception as error:  # handed to the main thread, which reports it
+            self.outcome = error
+
+    def client(self):
+        self.join()
+        if isinstance(self.outcome, Exception):
+            raise RunFailed("the local cluster did not start: %r" % self.outcome)
+        return self.outcome
+
+
 class Run:
     """Sends the chunks to the cluster, at most a few per worker at a time so that a
-    stop loses little, and writes the rows of each chunk as it comes back."""
+    stop loses little, and writes the rows of each chunk as it comes back. While a local
+    cluster starts, the driver checks chunks itself."""
 
     def __init__(self, arguments, output, rows, progress):
         self.arguments = arguments
@@ -353,18 +375,37 @@ class Run:
         self.progress = progress
         self.chunks = {}
         self.limit = 0
-        self.head = None  # a HeadStart while it runs
+        self.starting = None  # a ClusterStart until the local cluster is up
+        self.local = None  # a LocalCheck while it runs
 
-    def start(self, files):
-        """Starts the cluster when the first chunk is ready: a rerun with nothing left to
-        do starts none. The first chunk of a local cluster is checked here meanwhile."""
-        if not self.arguments.scheduler:
-            self.head = HeadStart(lambda: chunk.check_chunk_encoded(*self.chunk_arguments(files)))
-            self.head.start()
-        self.client = start_client(self.arguments)
-        self.limit = 3 * max(len(self.client.scheduler_info()["workers"]), 1)
-        if self.head is None:
-            self.submit(files)
+    def cluster_up(self):
+        """Starts the cluster, or sees whether it has started: True once its client is
+        there. A cluster named by --scheduler is joined at once; a local one starts in the
+        background."""
+        if self.client is None:
+            if self.arguments.scheduler:
+                self.client = start_client(self.arguments)
+            elif self.starting is None:
+                self.starting = ClusterStart(self.arguments)
+                self.starting.start()
+                return False
+            elif self.starting.is_alive():
+                return False
+            else:
+                self.client = self.starting.client()
+                self.starting = None
+            self.limit = 3 * max(len(self.client.scheduler_info()["workers"]), 1)
+        return True
+
+    def can_take(self):
+        """Whether another chunk can go out: the first one starts the cluster (a rerun with
+        nothing left to do starts none), then the cluster takes a few per worker at a time;
+        until it is up, the driver takes one at a time."""
+        if self.client is None and self.starting is None:
+            return True
+        if self.cluster_up():
+            return len(self.chunks) < self.limit
+        return self.local is None
 
     def chunk_arguments(self, files):
         arguments = self.arguments
@@ -372,8 +413,10 @@ class Run:
                 arguments.memory_limit, arguments.reports and os.path.abspath(arguments.reports))
 
     def close(self):
-        # The local workers and the head start are threads of this process.
+        # The local workers are threads of this process, and so is the driver's own check.
         chunk.stop_tools()
+        if self.starting is not None:
+            self.client = self.starting.client()
         if self.client is not None:
             cluster = self.client.cluster
             self.client.close()
@@ -381,8 +424,9 @@ class Run:
                 cluster.close()
 
     def submit(self, files):
-        if self.client is None:
-            self.start(files)
+        if not self.cluster_up():
+            self.local = LocalCheck(lambda: chunk.check_chunk_encoded(*self.chunk_arguments(files)))
+            self.local.start()
             return
         future = self.client.submit(chunk.check_chunk_encoded, *self.chunk_arguments(files),
                                     pure=False, retries=1)
@@ -420,10 +464,10 @@ class Run:
 
     def run(self, items, found, walker):
         ended = False
-        while not ended or self.chunks or self.head:
-            while not ended and (self.client is None or len(self.chunks) < self.limit):
+        while not ended or self.chunks or self.local:
+            while not ended and self.can_take():
                 try:
-                    item = items.get(timeout=0 if self.chunks else 0.5)
+                    item = items.get(timeout=0 if self.chunks or self.local else 0.5)
                 except queue.Empty:
                     break
                 if isinstance(item, Exception):
@@ -434,9 +478,9 @@ class Run:
                     self.write(item)
                 else:
                     self.submit(item)
-            if self.head and not self.head.is_alive():
-                self.write(self.head.rows())
-                self.head = None
+            if self.local and not self.local.is_alive():
+                self.write(self.local.rows())
+                self.local = None
             if self.chunks:
                 from distributed import wait
 
@@ -446,8 +490,8 @@ class Run:
                     pass
                 for future in [future for future in self.chunks if future.done()]:
                     self.collect(future)
-            elif self.head:
-                self.head.join(0.2)
+            elif self.local:
+                self.local.join(0.05)  # short: the cluster may be up meanwhile
             self.progress.show(found[0], walker.is_alive())
 
 

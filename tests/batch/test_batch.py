@@ -209,7 +209,7 @@ def test_an_interrupted_run_leaves_no_tool_behind(tmp_path):
     try:
         deadline = time.monotonic() + 60
         while len(group_members(process.pid)) < 3 and time.monotonic() < deadline:
-            time.sleep(0.05)  # the driver and two tools
+            time.sleep(0.05)  # the driver and two tools: its own and a worker's
         assert len(group_members(process.pid)) >= 3, "no tool started"
         process.send_signal(signal.SIGTERM)
         _, err = process.communicate(timeout=30)
