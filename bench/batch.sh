@@ -1,14 +1,13 @@
 #!/usr/bin/env bash
 # bench/batch.sh: files per second over many small files: ./batch on a local Dask cluster,
-# beside the tool given every file in one process, the tool run once per file and ffprobe
-# run once per file. The files (FILES, default 10,000, of a few KB) are copies of the
+# beside the tool given every file in one process (its full report, and the summary lines
+# that ./batch reads), the tool run once per file and ffprobe run once per file. The files (FILES, default 10,000, of a few KB) are copies of the
 # FFmpeg test files in tests/data, made in a temporary directory. The runs once per file
 # cost tens of milliseconds each, so they are timed over the first ONE_BY_ONE files
 # (default 500), in one round; the others take the best of RUNS rounds (default 3).
 # ./batch is timed twice: as a user runs it, starting a local cluster of one worker per
-# core, and on a cluster already running on this machine (a scheduler and one worker per
-# core started here beforehand, stopped at the end), which is the rate of a long run,
-# without the seconds of the cluster's start. Uses the Release tree build-bench/, built
+# core, and on a cluster already running on this machine (a scheduler and one worker
+# process per core started here beforehand, stopped at the end). Uses the Release tree build-bench/, built
 # when missing.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -44,7 +43,8 @@ done
 for ((i = 1; i < count / 100; i++)); do
     cp -r "$work/files/d0" "$work/files/d$i"
 done
-mapfile -t files < <(find "$work/files" -name '*.mp4' | sort)
+find "$work/files" -name '*.mp4' | sort >"$work/files.list"
+mapfile -t files <"$work/files.list"
 echo "machine: $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "files:   ${#files[@]}, $(du -sh "$work/files" | cut -f1)"
 
@@ -92,7 +92,11 @@ dask worker "tcp://127.0.0.1:$port" --host 127.0.0.1 --nworkers "$(nproc)" --nth
     --no-dashboard >"$work/worker.log" 2>&1 &
 pids+=($!)
 
-best "$runs" "sarvelinth, one process" "${#files[@]}" "$tool" --format json --check -- "${files[@]}"
+# xargs gives the tool as many files at a time as a command line takes: all 10,000 at once.
+best "$runs" "sarvelinth json, one process" "${#files[@]}" \
+    xargs -a "$work/files.list" "$tool" --format json --check --
+best "$runs" "sarvelinth summary, one process" "${#files[@]}" \
+    xargs -a "$work/files.list" "$tool" --format summary --check --
 best "$runs" "./batch, local cluster" "${#files[@]}" batch
 best "$runs" "./batch, cluster already running" "${#files[@]}" \
     batch --scheduler "tcp://127.0.0.1:$port"
