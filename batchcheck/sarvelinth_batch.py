@@ -319,14 +319,16 @@ def start_client(arguments):
     return client
 
 
-class LocalCheck(threading.Thread):
-    """A chunk checked by the driver, in a thread of its own, while a local cluster
-    starts."""
+class InBackground(threading.Thread):
+    """A call made in a thread of its own, started at once: the start of a local cluster,
+    and the chunks the driver checks itself meanwhile."""
 
-    def __init__(self, call):
+    def __init__(self, call, failure):
         super().__init__(daemon=True)
         self.call = call
+        self.failure = failure  # what went wrong, should the call raise
         self.outcome = None
+        self.start()
 
     def run(self):
         try:
@@ -334,31 +336,10 @@ class LocalCheck(threading.Thread):
         except Exception as error:  # handed to the main thread, which reports it
             self.outcome = error
 
-    def rows(self):
-        if isinstance(self.outcome, Exception):
-            raise RunFailed("a chunk failed: %r" % self.outcome)
-        return self.outcome
-
-
-class ClusterStart(threading.Thread):
-    """Imports Dask and starts a local cluster and its client, which takes most of a
-    second; meanwhile the driver checks chunks itself, one at a time (LocalCheck)."""
-
-    def __init__(self, arguments):
-        super().__init__(daemon=True)
-        self.arguments = arguments
-        self.outcome = None
-
-    def run(self):
-        try:
-            self.outcome = start_client(self.arguments)
-        except Exception as error:  # handed to the main thread, which reports it
-            self.outcome = error
-
-    def client(self):
+    def result(self):
         self.join()
         if isinstance(self.outcome, Exception):
-            raise RunFailed("the local cluster did not start: %r" % self.outcome)
+            raise RunFailed("%s: %r" % (self.failure, self.outcome))
         return self.outcome
 
 
@@ -375,8 +356,9 @@ class Run:
         self.progress = progress
         self.chunks = {}
         self.limit = 0
-        self.starting = None  # a ClusterStart until the local cluster is up
-        self.local = None  # a LocalCheck while it runs
+        # While a local cluster starts: its start, and the chunk the driver checks.
+        self.starting = None
+        self.local = None
 
     def cluster_up(self):
         """Starts the cluster, or sees whether it has started: True once its client is
@@ -386,13 +368,14 @@ class Run:
             if self.arguments.scheduler:
                 self.client = start_client(self.arguments)
             elif self.starting is None:
-                self.starting = ClusterStart(self.arguments)
-                self.starting.start()
+                # Dask's import and the cluster's start take most of a second.
+                self.starting = InBackground(lambda: start_client(self.arguments),
+                                             "the local cluster did not start")
                 return False
             elif self.starting.is_alive():
                 return False
             else:
-                self.client = self.starting.client()
+                self.client = self.starting.result()
                 self.starting = None
             self.limit = 3 * max(len(self.client.scheduler_info()["workers"]), 1)
         return True
@@ -416,7 +399,7 @@ class Run:
         # The local workers are threads of this process, and so is the driver's own check.
         chunk.stop_tools()
         if self.starting is not None:
-            self.client = self.starting.client()
+            self.client = self.starting.result()
         if self.client is not None:
             cluster = self.client.cluster
             self.client.close()
@@ -425,8 +408,8 @@ class Run:
 
     def submit(self, files):
         if not self.cluster_up():
-            self.local = LocalCheck(lambda: chunk.check_chunk_encoded(*self.chunk_arguments(files)))
-            self.local.start()
+            self.local = InBackground(
+                lambda: chunk.check_chunk_encoded(*self.chunk_arguments(files)), "a chunk failed")
             return
         future = self.client.submit(chunk.check_chunk_encoded, *self.chunk_arguments(files),
                                     pure=False, retries=1)
@@ -479,7 +462,7 @@ class Run:
                 else:
                     self.submit(item)
             if self.local and not self.local.is_alive():
-                self.write(self.local.rows())
+                self.write(self.local.result())
                 self.local = None
             if self.chunks:
                 from distributed import wait

@@ -47,14 +47,21 @@ void JsonWriter::string(const QString &text)
     out.appendString(text, escaping);
 }
 
-void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
+void JsonWriter::beginReportObject(OutputBuffer &out, OutputBuffer::Escaping escaping,
+                                   const QString &fileName, quint64 fileSize,
+                                   const QString &containerName)
 {
     out.appendLiteral("{\"file\":");
-    string(fileName);
+    out.appendString(fileName, escaping);
     out.appendLiteral(",\"fileSize\":");
     out.appendUnsigned(fileSize);
     out.appendLiteral(",\"container\":");
-    string(containerName);
+    out.appendString(containerName, escaping);
+}
+
+void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
+{
+    beginReportObject(out, escaping, fileName, fileSize, containerName);
     out.appendLiteral(",\"elements\":[");
     depth = 0;
     topHasElements = false;

@@ -24,6 +24,12 @@ public:
     // A writer into a buffer shared with the text around the documents, such as a page.
     JsonWriter(OutputBuffer &out, OutputBuffer::Escaping escaping, Keys keys);
 
+    // Opens a report object with the members every report begins with: "file", "fileSize"
+    // and "container".
+    static void beginReportObject(OutputBuffer &out, OutputBuffer::Escaping escaping,
+                                  const QString &fileName, quint64 fileSize,
+                                  const QString &containerName);
+
     // Writes further members of the report object behind "streams": called at the end of
     // each report, it writes each member led by a comma.
     void setTrailer(std::function<void()> writeMembers) { trailer = std::move(writeMembers); }

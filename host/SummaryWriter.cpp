@@ -5,19 +5,19 @@ constexpr auto Escaping = OutputBuffer::Escaping::Json;
 } // namespace
 
 SummaryWriter::SummaryWriter(FILE *file, bool checked, Reports reports, JsonWriter::Keys reportKeys)
-    // The report hears of each call first, so that its line comes before the summary's.
-    : TeeWriter(reports == Reports::With ? std::vector<ReportSink *>{&report, &summary}
-                                         : std::vector<ReportSink *>{&summary})
+    // The reports, when wanted, hear of every call; the summary is gathered alongside.
+    : TeeWriter(reports == Reports::With ? std::vector<ReportSink *>{&report}
+                                         : std::vector<ReportSink *>{})
     , out(file)
     , report(out, Escaping, reportKeys)
-    , summary(out, checked)
+    , checked(checked)
 {
 }
 
 void SummaryWriter::setContainerName(const QString &name)
 {
     report.setContainerName(name);
-    summary.containerName = name;
+    containerName = name;
 }
 
 void SummaryWriter::reportError(const QString &fileName, const QString &problem)
@@ -35,19 +35,14 @@ int SummaryWriter::writeError() const
     return out.writeError();
 }
 
-SummaryWriter::Summary::Summary(OutputBuffer &out, bool checked)
-    : out(out)
-    , checked(checked)
-{
-}
-
-void SummaryWriter::Summary::string(const QString &text)
+void SummaryWriter::string(const QString &text)
 {
     out.appendString(text, Escaping);
 }
 
-void SummaryWriter::Summary::beginReport(const QString &name, quint64 size)
+void SummaryWriter::beginReport(const QString &name, quint64 size)
 {
+    TeeWriter::beginReport(name, size);
     fileName = name;
     fileSize = size;
     file = FileFacts();
@@ -56,8 +51,22 @@ void SummaryWriter::Summary::beginReport(const QString &name, quint64 size)
     problemCodes.clear();
 }
 
-void SummaryWriter::Summary::beginStream(int index, const StreamInfo &info)
+void SummaryWriter::endReport()
 {
+    // The report's line comes first.
+    TeeWriter::endReport();
+    writeSummary();
+}
+
+void SummaryWriter::setFileFacts(const FileFacts &facts)
+{
+    TeeWriter::setFileFacts(facts);
+    file = facts;
+}
+
+void SummaryWriter::beginStream(int index, const StreamInfo &info)
+{
+    TeeWriter::beginStream(index, info);
     Stream stream;
     stream.index = index;
     stream.handlerType = info.handlerType;
@@ -69,21 +78,30 @@ void SummaryWriter::Summary::beginStream(int index, const StreamInfo &info)
     streams.push_back(stream);
 }
 
-void SummaryWriter::Summary::addProblem(const Problem &problem)
+void SummaryWriter::addSample(quint64 sampleIndex, const Sample &sample)
 {
+    TeeWriter::addSample(sampleIndex, sample);
+    ++streams.back().samples;
+}
+
+void SummaryWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
+{
+    TeeWriter::addTrackSample(sampleIndex, sample);
+    ++streams.back().samples;
+}
+
+void SummaryWriter::addProblem(const Problem &problem)
+{
+    TeeWriter::addProblem(problem);
     ++problemCounts[int(problem.severity)];
     if (!problemCodes.contains(problem.code))
         problemCodes << problem.code;
 }
 
-void SummaryWriter::Summary::endReport()
+void SummaryWriter::writeSummary()
+
 {
-    out.appendLiteral("{\"file\":");
-    string(fileName);
-    out.appendLiteral(",\"fileSize\":");
-    out.appendUnsigned(fileSize);
-    out.appendLiteral(",\"container\":");
-    string(containerName);
+    JsonWriter::beginReportObject(out, Escaping, fileName, fileSize, containerName);
     out.appendLiteral(",\"majorBrand\":");
     if (file.majorBrand.isEmpty())
         out.appendLiteral("null");

@@ -25,61 +25,36 @@ public:
     void flush() override;
     int writeError() const override;
 
+    void beginReport(const QString &fileName, quint64 fileSize) override;
+    void endReport() override;
+    void setFileFacts(const FileFacts &facts) override;
+    void beginStream(int index, const StreamInfo &info) override;
+    void addSample(quint64 sampleIndex, const Sample &sample) override;
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
+    void addProblem(const Problem &problem) override;
+
 private:
-    // What the summary of one file is made of, gathered from its report.
-    class Summary : public ReportSink {
-    public:
-        Summary(OutputBuffer &out, bool checked);
-
-        QString containerName;
-
-        void beginReport(const QString &fileName, quint64 fileSize) override;
-        void endReport() override;
-        void beginElement(quint64, quint64, const QString &, qint64) override {}
-        void setElementOffset(quint64) override {}
-        void setElementSize(quint64) override {}
-        void setElementNote(const QString &) override {}
-        void setElementValue(const QString &) override {}
-        void endElement() override {}
-        void addField(bool, quint64, quint8, quint64, const QString &, const QString &,
-                      const QString &, const QString &, qint64) override
-        {
-        }
-        void addPayloadField(quint64, quint64, const QString &, Payload) override {}
-        void addRawField(quint64, quint64, const quint8 *, const QString &,
-                         const QString &) override
-        {
-        }
-        void setFileFacts(const FileFacts &facts) override { file = facts; }
-        void beginStream(int index, const StreamInfo &info) override;
-        void addSample(quint64, const Sample &) override { ++streams.back().samples; }
-        void addTrackSample(quint64, const TrackSample &) override { ++streams.back().samples; }
-        void endStream() override {}
-        void addProblem(const Problem &problem) override;
-
-    private:
-        struct Stream {
-            int index = 0;
-            QString handlerType;
-            QString codecName;
-            QString sampleEntry; // of deep analysis only
-            bool deep = false;
-            quint64 samples = 0;
-        };
-
-        void string(const QString &text);
-
-        OutputBuffer &out;
-        bool checked;
-        QString fileName;
-        quint64 fileSize = 0;
-        FileFacts file;
-        std::vector<Stream> streams;
-        quint64 problemCounts[3] = {};
-        QStringList problemCodes; // each once, in the order they first come
+    struct Stream {
+        int index = 0;
+        QString handlerType;
+        QString codecName;
+        QString sampleEntry; // of deep analysis only
+        bool deep = false;
+        quint64 samples = 0;
     };
+
+    void string(const QString &text);
+    void writeSummary();
 
     OutputBuffer out;
     JsonWriter report;
-    Summary summary;
+    bool checked;
+    QString containerName;
+    // The file being reported.
+    QString fileName;
+    quint64 fileSize = 0;
+    FileFacts file;
+    std::vector<Stream> streams;
+    quint64 problemCounts[3] = {};
+    QStringList problemCodes; // each once, in the order they first come
 };
