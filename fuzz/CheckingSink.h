@@ -171,6 +171,17 @@ public:
             next->addRawField(offset, size, data, name, comment);
     }
 
+    void setFileFacts(const FileFacts &facts) override
+    {
+        requireInReport("setFileFacts");
+        require(open.empty(), "setFileFacts inside an element");
+        require(!streamBegun, "setFileFacts after a stream");
+        require(!factsGiven, "second setFileFacts");
+        factsGiven = true;
+        if (next)
+            next->setFileFacts(facts);
+    }
+
     void beginStream(int index, const StreamInfo &info) override
     {
         requireInReport("beginStream");
@@ -295,6 +306,7 @@ private:
     std::vector<OpenElement> open;
     bool reportBegun = false;
     bool reportEnded = false;
+    bool factsGiven = false;
     bool streamBegun = false;
     bool streamOpen = false;
     int lastStreamIndex = -1;
