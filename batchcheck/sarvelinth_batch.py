@@ -1,8 +1,8 @@
 """./batch: checks many files with sarvelinth on a Dask cluster and writes one row per file.
 
 The client walks the paths, sends chunks of files to the workers (sarvelinth_chunk.py,
-uploaded to them) and is the only writer of the output: whole rows, flushed after each
-chunk. A rerun with the same output skips the files that already have a row with the
+uploaded to them; while a local cluster starts, it checks chunks itself) and is the only
+writer of the output: whole rows, flushed after each chunk. A rerun with the same output skips the files that already have a row with the
 same path, size and modification time, so a run stopped at any moment resumes where it
 stopped, losing at most the chunks that were in flight.
 """
