@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <optional>
+
 // Pieces of the JSON answers of the server, written as the report's JSON writer writes
 // them (docs/json-format.md): UTF-8, quote and backslash escaped, control characters as
 // \u00XX, a lone surrogate as U+FFFD.
@@ -31,4 +33,80 @@ inline void appendSigned(QByteArray &out, qint64 value)
 }
 // {"error":"..."}: the body of every answer that refuses a request.
 QByteArray errorBody(const QString &message);
+
+// Writes a JSON object into out, member by member, each behind the comma it needs; the
+// object closes when the writer goes out of scope.
+class Object {
+public:
+    explicit Object(QByteArray &out)
+        : out(out)
+    {
+        out += '{';
+    }
+    ~Object() { out += '}'; }
+    Object(const Object &) = delete;
+    Object &operator=(const Object &) = delete;
+
+    // Writes the member's key; its value is for the caller to write to what it returns.
+    QByteArray &key(const char *name)
+    {
+        if (!empty)
+            out += ',';
+        empty = false;
+        out += '"';
+        out += name;
+        out += "\":";
+        return out;
+    }
+    void number(const char *name, quint64 value) { appendNumber(key(name), value); }
+    void integer(const char *name, qint64 value) { appendSigned(key(name), value); }
+    // An integer, or null without one.
+    void optionalInteger(const char *name, std::optional<qint64> value)
+    {
+        if (value)
+            integer(name, *value);
+        else
+            key(name) += "null";
+    }
+    void boolean(const char *name, bool value) { key(name) += value ? "true" : "false"; }
+    void string(const char *name, QStringView text) { appendString(key(name), text); }
+    // A text that is escaped already, or that needs no escaping (a fixed name).
+    void escaped(const char *name, QByteArrayView text)
+    {
+        QByteArray &value = key(name);
+        value += '"';
+        value += text;
+        value += '"';
+    }
+
+private:
+    QByteArray &out;
+    bool empty = true;
+};
+
+// Writes a JSON array into out: next() writes the comma an element needs and returns where
+// to write it. The array closes when the writer goes out of scope.
+class Array {
+public:
+    explicit Array(QByteArray &out)
+        : out(out)
+    {
+        out += '[';
+    }
+    ~Array() { out += ']'; }
+    Array(const Array &) = delete;
+    Array &operator=(const Array &) = delete;
+
+    QByteArray &next()
+    {
+        if (!empty)
+            out += ',';
+        empty = false;
+        return out;
+    }
+
+private:
+    QByteArray &out;
+    bool empty = true;
+};
 } // namespace json

@@ -111,31 +111,15 @@ private:
     QString error;
 };
 
-void key(QByteArray &out, const char *name)
+// The body of an answer: one JSON object, its members written by write.
+template <typename Write> QByteArray objectBody(Write write)
 {
-    out += '"';
-    out += name;
-    out += "\":";
-}
-
-void textMember(QByteArray &out, const char *name, const QByteArray &escaped)
-{
-    key(out, name);
-    out += '"';
-    out += escaped;
-    out += '"';
-}
-
-void numberMember(QByteArray &out, const char *name, quint64 value)
-{
-    key(out, name);
-    json::appendNumber(out, value);
-}
-
-void signedMember(QByteArray &out, const char *name, qint64 value)
-{
-    key(out, name);
-    json::appendSigned(out, value);
+    QByteArray out;
+    {
+        json::Object object(out);
+        write(object);
+    }
+    return out;
 }
 
 // The names of an element's state and of a field's payload as the index keeps them: 0 for
@@ -150,257 +134,168 @@ const char *payloadText(quint8 payload)
     return payload ? payloadName(Payload(payload - 1)) : nullptr;
 }
 
+// A table entry's index, or none for a negative one.
+std::optional<qint64> entryIndex(qint64 index)
+{
+    return index >= 0 ? std::optional<qint64>(index) : std::nullopt;
+}
+
 void writeElement(QByteArray &out, const FileIndex &file, quint64 id,
                   const FileIndex::Element &element)
 {
-    out += "{\"kind\":\"element\",";
-    numberMember(out, "id", id);
-    out += ',';
-    numberMember(out, "parent", element.parent);
-    out += ',';
-    textMember(out, "name", file.text(element.name));
-    out += ',';
-    signedMember(out, "index", element.index);
-    out += ',';
-    numberMember(out, "offset", element.offset);
-    out += ',';
-    numberMember(out, "size", element.size);
-    out += ',';
-    textMember(out, "note", file.text(element.note));
-    out += ',';
-    textMember(out, "value", file.text(element.value));
-    if (const char *state = stateText(element.state)) {
-        out += ",\"state\":\"";
-        out += state;
-        out += '"';
-    }
-    out += ',';
-    numberMember(out, "depth", element.depth);
-    out += ',';
-    numberMember(out, "position", element.position);
-    out += ',';
-    numberMember(out, "kidCount", element.kidCount);
-    out += ',';
-    numberMember(out, "childCount", element.childCount);
-    out += '}';
+    json::Object object(out);
+    object.escaped("kind", "element");
+    object.number("id", id);
+    object.number("parent", element.parent);
+    object.escaped("name", file.text(element.name));
+    object.integer("index", element.index);
+    object.number("offset", element.offset);
+    object.number("size", element.size);
+    object.escaped("note", file.text(element.note));
+    object.escaped("value", file.text(element.value));
+    if (const char *state = stateText(element.state))
+        object.escaped("state", state);
+    object.number("depth", element.depth);
+    object.number("position", element.position);
+    object.number("kidCount", element.kidCount);
+    object.number("childCount", element.childCount);
 }
 
 void writeChild(QByteArray &out, const FileIndex &file, const FileIndex::Child &child)
 {
-    if (child.kind == FileIndex::RawChild) {
-        out += "{\"kind\":\"raw\",";
-        textMember(out, "name", file.text(child.name));
-        out += ',';
-        numberMember(out, "offset", child.offset);
-        out += ',';
-        numberMember(out, "size", child.size);
-        out += ',';
-        textMember(out, "data", file.text(child.value));
-        out += ',';
-        textMember(out, "comment", file.text(child.comment));
-        out += '}';
+    json::Object object(out);
+    const bool raw = child.kind == FileIndex::RawChild;
+    object.escaped("kind", raw ? "raw" : "field");
+    object.escaped("name", file.text(child.name));
+    object.number("offset", child.offset);
+    object.number("size", child.size);
+    if (raw) {
+        object.escaped("data", file.text(child.value));
+        object.escaped("comment", file.text(child.comment));
         return;
     }
-    out += "{\"kind\":\"field\",";
-    textMember(out, "name", file.text(child.name));
-    out += ',';
-    numberMember(out, "offset", child.offset);
-    out += ',';
-    numberMember(out, "size", child.size);
-    out += child.bitField ? ",\"bitField\":true," : ",\"bitField\":false,";
-    numberMember(out, "bitOffset", child.bitOffset);
-    out += ',';
-    textMember(out, "value", file.text(child.value));
-    out += ',';
-    textMember(out, "extra", file.text(child.extra));
-    out += ',';
-    textMember(out, "comment", file.text(child.comment));
-    out += ',';
-    signedMember(out, "index", child.index);
-    if (const char *payload = payloadText(child.payload)) {
-        out += ",\"payload\":\"";
-        out += payload;
-        out += '"';
-    }
-    out += '}';
+    object.boolean("bitField", child.bitField);
+    object.number("bitOffset", child.bitOffset);
+    object.escaped("value", file.text(child.value));
+    object.escaped("extra", file.text(child.extra));
+    object.escaped("comment", file.text(child.comment));
+    object.integer("index", child.index);
+    if (const char *payload = payloadText(child.payload))
+        object.escaped("payload", payload);
 }
 
 void writeStream(QByteArray &out, const FileIndex::Stream &stream)
 {
     const StreamInfo &info = stream.info;
-    out += '{';
-    signedMember(out, "index", stream.index);
-    out += ',';
-    signedMember(out, "width", info.width);
-    out += ',';
-    signedMember(out, "height", info.height);
-    out += ',';
-    signedMember(out, "codecId", info.codecId);
-    out += ",\"codecName\":";
-    json::appendString(out, info.codecName);
-    out += ',';
-    numberMember(out, "configOffset", info.configOffset);
-    out += ',';
-    numberMember(out, "configSize", info.configSize);
+    json::Object object(out);
+    object.integer("index", stream.index);
+    object.integer("width", info.width);
+    object.integer("height", info.height);
+    object.integer("codecId", info.codecId);
+    object.string("codecName", info.codecName);
+    object.number("configOffset", info.configOffset);
+    object.number("configSize", info.configSize);
     if (const std::optional<TrackFacts> &facts = info.track) {
-        out += ',';
-        numberMember(out, "trackId", facts->trackId);
-        out += ",\"handlerType\":";
-        json::appendString(out, info.handlerType);
-        out += ",\"timescale\":";
-        if (facts->timescale != 0)
-            json::appendNumber(out, facts->timescale);
-        else
-            out += "null";
-        out += ',';
-        numberMember(out, "duration", facts->duration);
-        out += ",\"language\":";
-        json::appendString(out, facts->language);
-        out += ",\"sampleEntry\":";
-        json::appendString(out, facts->sampleEntry);
+        object.number("trackId", facts->trackId);
+        object.string("handlerType", info.handlerType);
+        object.optionalInteger("timescale", facts->timescale != 0
+                                                ? std::optional<qint64>(facts->timescale)
+                                                : std::nullopt);
+        object.number("duration", facts->duration);
+        object.string("language", facts->language);
+        object.string("sampleEntry", facts->sampleEntry);
         if (facts->channelCount != 0) {
-            out += ',';
-            numberMember(out, "channelCount", facts->channelCount);
-            out += ',';
-            numberMember(out, "sampleRate", facts->sampleRate);
+            object.number("channelCount", facts->channelCount);
+            object.number("sampleRate", facts->sampleRate);
         }
     }
-    out += stream.deep ? ",\"deep\":true," : ",\"deep\":false,";
-    numberMember(out, "sampleCount", stream.count);
-    out += ',';
-    numberMember(out, "keyCount", stream.keys);
-    out += ',';
-    numberMember(out, "totalSize", stream.totalSize);
-    out += ',';
-    numberMember(out, "maxSize", stream.maxSize);
-    out += stream.byTime ? ",\"byTime\":true," : ",\"byTime\":false,";
-    signedMember(out, "xMin", stream.xMin);
-    out += ',';
-    signedMember(out, "xMax", stream.xMax);
-    out += '}';
-}
-
-void optionalEntry(QByteArray &out, const char *name, qint64 value)
-{
-    key(out, name);
-    if (value >= 0)
-        json::appendSigned(out, value);
-    else
-        out += "null";
+    object.boolean("deep", stream.deep);
+    object.number("sampleCount", stream.count);
+    object.number("keyCount", stream.keys);
+    object.number("totalSize", stream.totalSize);
+    object.number("maxSize", stream.maxSize);
+    object.boolean("byTime", stream.byTime);
+    object.integer("xMin", stream.xMin);
+    object.integer("xMax", stream.xMax);
 }
 
 void writeSample(QByteArray &out, quint64 index, const FileIndex::SampleRecord &sample)
 {
-    out += '{';
-    numberMember(out, "index", index);
-    out += ',';
-    numberMember(out, "offset", sample.offset);
-    out += ',';
-    numberMember(out, "size", sample.size);
-    out += ',';
-    signedMember(out, "dts", sample.dts);
-    out += ',';
-    signedMember(out, "pts", sample.pts);
-    out += ',';
-    numberMember(out, "duration", sample.duration);
-    out += (sample.flags & FileIndex::KeyFrame) ? ",\"keyFrame\":1" : ",\"keyFrame\":0";
-    if (sample.flags & FileIndex::Deep) {
-        out += ",\"presentationTime\":";
-        if (sample.flags & FileIndex::Presented)
-            json::appendSigned(out, sample.presentationTime);
-        else
-            out += "null";
-        if (sample.flags & FileIndex::FromFragment) {
-            static const char *const names[] = {"moof", "moofOffset", "traf", "trun", "trunEntry"};
-            for (int i = 0; i < 5; ++i) {
-                out += ',';
-                numberMember(out, names[i], quint64(sample.origin[i]));
-            }
-        } else {
-            out += ',';
-            numberMember(out, "chunk", quint64(sample.origin[0]));
-            out += ',';
-            optionalEntry(out, "stscEntry", sample.origin[1]);
-            out += ',';
-            optionalEntry(out, "sttsEntry", sample.origin[2]);
-            out += ',';
-            optionalEntry(out, "cttsEntry", sample.origin[3]);
-        }
+    json::Object object(out);
+    object.number("index", index);
+    object.number("offset", sample.offset);
+    object.number("size", sample.size);
+    object.integer("dts", sample.dts);
+    object.integer("pts", sample.pts);
+    object.number("duration", sample.duration);
+    object.number("keyFrame", (sample.flags & FileIndex::KeyFrame) ? 1 : 0);
+    if (!(sample.flags & FileIndex::Deep))
+        return;
+    object.optionalInteger("presentationTime", (sample.flags & FileIndex::Presented)
+                                                   ? std::optional<qint64>(sample.presentationTime)
+                                                   : std::nullopt);
+    if (sample.flags & FileIndex::FromFragment) {
+        static const char *const names[] = {"moof", "moofOffset", "traf", "trun", "trunEntry"};
+        for (int i = 0; i < 5; ++i)
+            object.number(names[i], quint64(sample.origin[i]));
+    } else {
+        object.number("chunk", quint64(sample.origin[0]));
+        object.optionalInteger("stscEntry", entryIndex(sample.origin[1]));
+        object.optionalInteger("sttsEntry", entryIndex(sample.origin[2]));
+        object.optionalInteger("cttsEntry", entryIndex(sample.origin[3]));
     }
-    out += '}';
 }
 
 // As the report's "coverage": the parts of the file and its map.
 void writeCoverage(QByteArray &out, const Coverage &coverage)
 {
-    out += ",\"coverage\":{";
-    numberMember(out, "fileSize", coverage.fileSize);
-    char separator = '{';
-    out += ",\"parts\":";
-    for (const auto &[name, part] : coveragePartNames) {
-        out += std::exchange(separator, ',');
-        numberMember(out, name, coverage.*part);
+    json::Object object(out);
+    object.number("fileSize", coverage.fileSize);
+    {
+        json::Object parts(object.key("parts"));
+        for (const auto &[name, part] : coveragePartNames)
+            parts.number(name, coverage.*part);
     }
-    out += "},\"map\":{";
-    numberMember(out, "cellSize", coverage.cellSize);
+    json::Object map(object.key("map"));
+    map.number("cellSize", coverage.cellSize);
     for (const auto &[name, part] : coveragePartNames) {
-        out += ',';
-        key(out, name);
-        separator = '[';
-        for (const CoverageParts &cell : coverage.cells) {
-            out += std::exchange(separator, ',');
-            json::appendNumber(out, cell.*part);
-        }
-        if (coverage.cells.empty())
-            out += '[';
-        out += ']';
+        json::Array cells(map.key(name));
+        for (const CoverageParts &cell : coverage.cells)
+            json::appendNumber(cells.next(), cell.*part);
     }
-    out += "}}";
 }
 
 void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
 {
-    out += '{';
-    numberMember(out, "number", number);
-    out += ",\"file\":";
-    json::appendString(out, file.fileName);
+    json::Object object(out);
+    object.number("number", number);
+    object.string("file", file.fileName);
     if (!file.index) {
-        out += ",\"error\":";
-        json::appendString(out, file.error);
-        out += '}';
+        object.string("error", file.error);
         return;
     }
     const FileIndex &index = *file.index;
-    out += ',';
-    numberMember(out, "fileSize", index.fileSize());
-    out += ",\"container\":";
-    json::appendString(out, index.container());
-    out += ',';
-    numberMember(out, "elementCount", index.elementCount() - 1);
+    object.number("fileSize", index.fileSize());
+    object.string("container", index.container());
+    object.number("elementCount", index.elementCount() - 1);
     FileIndex::Element root;
-    if (index.element(FileIndex::FileElement, &root)) {
-        out += ',';
-        numberMember(out, "topCount", root.kidCount);
+    if (index.element(FileIndex::FileElement, &root))
+        object.number("topCount", root.kidCount);
+    {
+        json::Array streams(object.key("streams"));
+        for (const FileIndex::Stream &stream : index.streams())
+            writeStream(streams.next(), stream);
     }
-    out += ",\"streams\":[";
-    for (size_t i = 0; i < index.streams().size(); ++i) {
-        if (i)
-            out += ',';
-        writeStream(out, index.streams()[i]);
-    }
-    out += ']';
     if (index.coverage()) {
-        out += ',';
-        numberMember(out, "problemCount", index.problems().size());
-        out += ',';
-        numberMember(out, "errorCount",
-                     quint64(std::count_if(index.problems().begin(), index.problems().end(),
-                                           [](const Problem &problem) {
-                                               return problem.severity == Severity::Error;
-                                           })));
-        writeCoverage(out, *index.coverage());
+        const std::vector<Problem> &problems = index.problems();
+        object.number("problemCount", problems.size());
+        object.number(
+            "errorCount",
+            quint64(std::count_if(problems.begin(), problems.end(), [](const Problem &problem) {
+                return problem.severity == Severity::Error;
+            })));
+        writeCoverage(object.key("coverage"), *index.coverage());
     }
-    out += '}';
 }
 
 // The problems of a checked file, from `from` on.
@@ -415,31 +310,21 @@ Answer problemsAnswer(const FileIndex &file, const QUrlQuery &query)
         return refused(404, QStringLiteral("%1 was not checked: start the server with --check")
                                 .arg(file.fileName()));
     const std::vector<Problem> &problems = file.problems();
-    QByteArray out = "{";
-    numberMember(out, "from", from);
-    out += ',';
-    numberMember(out, "total", problems.size());
-    out += ",\"problems\":[";
-    for (quint64 i = from; i < problems.size() && i - from < count; ++i) {
-        const Problem &problem = problems[size_t(i)];
-        if (i > from)
-            out += ',';
-        out += "{\"code\":";
-        json::appendString(out, problem.code);
-        out += ",\"severity\":\"";
-        out += severityName(problem.severity);
-        out += "\",";
-        numberMember(out, "offset", problem.offset);
-        out += ',';
-        numberMember(out, "size", problem.size);
-        out += ",\"path\":";
-        json::appendString(out, problem.path);
-        out += ",\"message\":";
-        json::appendString(out, problem.message);
-        out += '}';
-    }
-    out += "]}";
-    return ok(out);
+    return ok(objectBody([&](json::Object &object) {
+        object.number("from", from);
+        object.number("total", problems.size());
+        json::Array list(object.key("problems"));
+        for (quint64 i = from; i < problems.size() && i - from < count; ++i) {
+            const Problem &problem = problems[size_t(i)];
+            json::Object entry(list.next());
+            entry.string("code", problem.code);
+            entry.escaped("severity", severityName(problem.severity));
+            entry.number("offset", problem.offset);
+            entry.number("size", problem.size);
+            entry.string("path", problem.path);
+            entry.string("message", problem.message);
+        }
+    }));
 }
 
 Answer readFailed(const FileIndex &file)
@@ -457,11 +342,11 @@ Answer nodeAnswer(const FileIndex &file, const QStringList &parts, const QUrlQue
         return refused(404, QStringLiteral("no node %1: the nodes of this file are 0 to %2")
                                 .arg(parts[0].left(64))
                                 .arg(file.elementCount() - 1));
-    QByteArray out;
     if (parts.size() == 1) {
         Parameters parameters(query, {});
         if (!parameters.problem().isEmpty())
             return refused(400, parameters.problem());
+        QByteArray out;
         writeElement(out, file, id, element);
         return ok(out);
     }
@@ -475,11 +360,6 @@ Answer nodeAnswer(const FileIndex &file, const QStringList &parts, const QUrlQue
         return refused(400, parameters.problem());
     const bool all = parts[1] == QLatin1String("children");
     const quint64 total = all ? element.childCount : element.kidCount;
-    out = "{";
-    numberMember(out, "from", from);
-    out += ',';
-    numberMember(out, "total", total);
-    out += all ? ",\"children\":[" : ",\"elements\":[";
     std::vector<FileIndex::Child> children;
     std::vector<quint64> ids;
     if (all ? !file.children(element, from, count, &children)
@@ -496,28 +376,22 @@ Answer nodeAnswer(const FileIndex &file, const QStringList &parts, const QUrlQue
         if (!file.element(kid, &elements[kid]))
             return readFailed(file);
     }
-    bool first = true;
-    auto separate = [&] {
-        if (!first)
-            out += ',';
-        first = false;
-    };
-    if (all) {
+    return ok(objectBody([&](json::Object &object) {
+        object.number("from", from);
+        object.number("total", total);
+        json::Array list(object.key(all ? "children" : "elements"));
+        if (!all) {
+            for (quint64 kid : ids)
+                writeElement(list.next(), file, kid, elements[kid]);
+            return;
+        }
         for (const FileIndex::Child &child : children) {
-            separate();
             if (child.kind == FileIndex::ElementChild)
-                writeElement(out, file, child.offset, elements[child.offset]);
+                writeElement(list.next(), file, child.offset, elements[child.offset]);
             else
-                writeChild(out, file, child);
+                writeChild(list.next(), file, child);
         }
-    } else {
-        for (quint64 kid : ids) {
-            separate();
-            writeElement(out, file, kid, elements[kid]);
-        }
-    }
-    out += "]}";
-    return ok(out);
+    }));
 }
 
 Answer bytesAnswer(const FileIndex &file, const QUrlQuery &query)
@@ -539,14 +413,11 @@ Answer bytesAnswer(const FileIndex &file, const QUrlQuery &query)
     QByteArray data;
     if (wanted > 0 && input.seek(qint64(offset)))
         data = input.read(qint64(wanted));
-    QByteArray out = "{";
-    numberMember(out, "offset", offset);
-    out += ',';
-    numberMember(out, "size", quint64(data.size()));
-    out += ",\"data\":\"";
-    out += data.toBase64();
-    out += "\"}";
-    return ok(out);
+    return ok(objectBody([&](json::Object &object) {
+        object.number("offset", offset);
+        object.number("size", quint64(data.size()));
+        object.escaped("data", data.toBase64());
+    }));
 }
 
 Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQuery &query)
@@ -562,11 +433,11 @@ Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQ
                            .arg(parts[0].left(64))
                            .arg(streams.size() - 1));
     const FileIndex::Stream &stream = streams[number];
-    QByteArray out;
     if (parts.size() == 1) {
         Parameters parameters(query, {});
         if (!parameters.problem().isEmpty())
             return refused(400, parameters.problem());
+        QByteArray out;
         writeStream(out, stream);
         return ok(out);
     }
@@ -581,18 +452,13 @@ Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQ
         std::vector<FileIndex::SampleRecord> samples;
         if (!file.samples(stream, from, count, &samples))
             return readFailed(file);
-        out = "{";
-        numberMember(out, "from", from);
-        out += ',';
-        numberMember(out, "total", stream.count);
-        out += ",\"samples\":[";
-        for (size_t i = 0; i < samples.size(); ++i) {
-            if (i)
-                out += ',';
-            writeSample(out, from + i, samples[i]);
-        }
-        out += "]}";
-        return ok(out);
+        return ok(objectBody([&](json::Object &object) {
+            object.number("from", from);
+            object.number("total", stream.count);
+            json::Array list(object.key("samples"));
+            for (size_t i = 0; i < samples.size(); ++i)
+                writeSample(list.next(), from + i, samples[i]);
+        }));
     }
     if (parts[1] == QLatin1String("locate")) {
         Parameters parameters(query, {"x"});
@@ -600,10 +466,8 @@ Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQ
         const qint64 x = parameters.signedValue("x", 0);
         if (!parameters.problem().isEmpty())
             return refused(400, parameters.problem());
-        out = "{";
-        numberMember(out, "index", file.locate(stream, x));
-        out += '}';
-        return ok(out);
+        return ok(objectBody(
+            [&](json::Object &object) { object.number("index", file.locate(stream, x)); }));
     }
     if (parts[1] == QLatin1String("chart")) {
         Parameters parameters(query, {"from", "to", "columns"});
@@ -619,37 +483,29 @@ Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQ
         std::vector<FileIndex::Column> result;
         if (!file.chart(stream, x0, x1, quint32(columns), &result))
             return readFailed(file);
-        out = "{";
-        signedMember(out, "from", x0);
-        out += ',';
-        signedMember(out, "to", x1);
-        // Column by column, each member a list; a size of a column without such samples
-        // is 0.
-        auto list = [&](const char *name, auto value) {
-            out += ",\"";
-            out += name;
-            out += "\":[";
-            for (size_t i = 0; i < result.size(); ++i) {
-                if (i)
-                    out += ',';
-                json::appendNumber(out, value(result[i]));
-            }
-            out += ']';
-        };
-        const quint64 none = ~quint64(0);
-        list("first", [](const FileIndex::Column &c) { return c.first; });
-        list("count", [](const FileIndex::Column &c) { return c.count; });
-        list("keys", [](const FileIndex::Column &c) { return c.sizes.keys; });
-        list("frameMin", [&](const FileIndex::Column &c) {
-            return c.sizes.frameMin == none ? 0 : c.sizes.frameMin;
-        });
-        list("frameMax", [](const FileIndex::Column &c) { return c.sizes.frameMax; });
-        list("keyMin", [&](const FileIndex::Column &c) {
-            return c.sizes.keyMin == none ? 0 : c.sizes.keyMin;
-        });
-        list("keyMax", [](const FileIndex::Column &c) { return c.sizes.keyMax; });
-        out += '}';
-        return ok(out);
+        return ok(objectBody([&](json::Object &object) {
+            object.integer("from", x0);
+            object.integer("to", x1);
+            // Column by column, each member a list; a size of a column without such samples
+            // is 0.
+            auto list = [&](const char *name, auto value) {
+                json::Array values(object.key(name));
+                for (const FileIndex::Column &column : result)
+                    json::appendNumber(values.next(), value(column));
+            };
+            const quint64 none = ~quint64(0);
+            list("first", [](const FileIndex::Column &c) { return c.first; });
+            list("count", [](const FileIndex::Column &c) { return c.count; });
+            list("keys", [](const FileIndex::Column &c) { return c.sizes.keys; });
+            list("frameMin", [&](const FileIndex::Column &c) {
+                return c.sizes.frameMin == none ? 0 : c.sizes.frameMin;
+            });
+            list("frameMax", [](const FileIndex::Column &c) { return c.sizes.frameMax; });
+            list("keyMin", [&](const FileIndex::Column &c) {
+                return c.sizes.keyMin == none ? 0 : c.sizes.keyMin;
+            });
+            list("keyMax", [](const FileIndex::Column &c) { return c.sizes.keyMax; });
+        }));
     }
     return refused(404, QStringLiteral("no such path"));
 }
@@ -676,24 +532,17 @@ Answer searchAnswer(const FileIndex &file, const QUrlQuery &query)
             at = element.parent;
         }
     }
-    QByteArray out = "{";
-    numberMember(out, "count", result.count);
-    out += ",\"matches\":[";
-    for (size_t i = 0; i < result.matches.size(); ++i) {
-        if (i)
-            out += ',';
-        json::appendNumber(out, result.matches[i]);
-    }
-    out += "],\"elements\":[";
-    bool first = true;
-    for (const auto &[id, element] : elements) {
-        if (!first)
-            out += ',';
-        first = false;
-        writeElement(out, file, id, element);
-    }
-    out += "]}";
-    return ok(out);
+    return ok(objectBody([&](json::Object &object) {
+        object.number("count", result.count);
+        {
+            json::Array matches(object.key("matches"));
+            for (quint64 id : result.matches)
+                json::appendNumber(matches.next(), id);
+        }
+        json::Array list(object.key("elements"));
+        for (const auto &[id, element] : elements)
+            writeElement(list.next(), file, id, element);
+    }));
 }
 
 Answer pathAnswer(const FileIndex &file, const QUrlQuery &query)
@@ -703,19 +552,17 @@ Answer pathAnswer(const FileIndex &file, const QUrlQuery &query)
     const quint64 size = parameters.unsignedValue("size", ~quint64(0), 0);
     if (!parameters.problem().isEmpty())
         return refused(400, parameters.problem());
-    QByteArray out = "{\"elements\":[";
-    bool first = true;
+    std::vector<std::pair<quint64, FileIndex::Element>> path;
     for (quint64 id : file.pathTo(offset, endOf(offset, size))) {
-        FileIndex::Element element;
-        if (!file.element(id, &element))
+        path.emplace_back(id, FileIndex::Element());
+        if (!file.element(id, &path.back().second))
             return readFailed(file);
-        if (!first)
-            out += ',';
-        first = false;
-        writeElement(out, file, id, element);
     }
-    out += "]}";
-    return ok(out);
+    return ok(objectBody([&](json::Object &object) {
+        json::Array list(object.key("elements"));
+        for (const auto &[id, element] : path)
+            writeElement(list.next(), file, id, element);
+    }));
 }
 } // namespace
 
@@ -744,14 +591,12 @@ Answer ServeApi::answer(const QByteArray &method, const QString &path, const QUr
         Parameters parameters(query, {});
         if (!parameters.problem().isEmpty())
             return refused(400, parameters.problem());
-        QByteArray out = "{\"version\":1,\"files\":[";
-        for (size_t i = 0; i < files.size(); ++i) {
-            if (i)
-                out += ',';
-            writeFile(out, i, files[i]);
-        }
-        out += "]}";
-        return ok(out);
+        return ok(objectBody([&](json::Object &object) {
+            object.number("version", 1);
+            json::Array list(object.key("files"));
+            for (size_t i = 0; i < files.size(); ++i)
+                writeFile(list.next(), i, files[i]);
+        }));
     }
 
     bool isNumber = false;
