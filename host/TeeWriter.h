@@ -6,7 +6,8 @@
 #include <vector>
 
 // A writer made of other sinks: every report call goes to each of them in the order given.
-// What the output is made of around the reports is left to the writer that derives from it.
+// What the output is made of around the reports is left to the writer that derives from it,
+// and so are sinks that change from report to report (setSinks).
 class TeeWriter : public ReportWriter {
 public:
     explicit TeeWriter(std::vector<ReportSink *> sinks)
@@ -113,6 +114,9 @@ public:
         for (ReportSink *sink : sinks)
             sink->setCoverage(coverage);
     }
+
+protected:
+    void setSinks(std::vector<ReportSink *> newSinks) { sinks = std::move(newSinks); }
 
 private:
     std::vector<ReportSink *> sinks;

@@ -1,20 +1,26 @@
 #pragma once
 
 #include "FileIndex.h"
-#include "ReportWriter.h"
+#include "TeeWriter.h"
 
 #include <memory>
 #include <vector>
 
 // The writer of --serve: it writes no report but keeps the index of each file's report
-// (FileIndex) for the server to read from, and the problem of each file without one.
-class ServeIndex : public ReportWriter {
+// (FileIndex) for the server to read from, and the problem of each file without one. Each
+// report goes to its file's index as it is made.
+class ServeIndex : public TeeWriter {
 public:
     struct File {
         QString fileName;
         QString error; // why the file has no report; empty when it has one
         std::unique_ptr<FileIndex> index;
     };
+
+    ServeIndex()
+        : TeeWriter({})
+    {
+    }
 
     const std::vector<File> &files() const { return fileList; }
 
@@ -25,26 +31,6 @@ public:
 
     void beginReport(const QString &fileName, quint64 fileSize) override;
     void endReport() override;
-    void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index) override;
-    void setElementOffset(quint64 offset) override;
-    void setElementSize(quint64 size) override;
-    void setElementNote(const QString &text) override;
-    void setElementValue(const QString &text) override;
-    void setElementState(ElementState state) override;
-    void endElement() override;
-    void addField(bool bitField, quint64 offset, quint8 bitOffset, quint64 size,
-                  const QString &name, const QString &value, const QString &extra,
-                  const QString &comment, qint64 index) override;
-    void addPayloadField(quint64 offset, quint64 size, const QString &name,
-                         Payload payload) override;
-    void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
-                     const QString &comment) override;
-    void beginStream(int index, const StreamInfo &info) override;
-    void addSample(quint64 sampleIndex, const Sample &sample) override;
-    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
-    void endStream() override;
-    void addProblem(const Problem &problem) override;
-    void setCoverage(const Coverage &coverage) override;
 
 private:
     std::vector<File> fileList;
