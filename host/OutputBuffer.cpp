@@ -1,9 +1,6 @@
 #include "OutputBuffer.h"
 
 namespace {
-// The longest UTF-8 or escape sequence one step of appendText writes.
-constexpr size_t MaxUnitBytes = 6;
-
 const char HexDigits[] = "0123456789abcdef";
 const char Base64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -114,75 +111,95 @@ void OutputBuffer::appendBase64(const quint8 *bytes, quint64 count)
     }
 }
 
+namespace {
+// The work of appendText and encodeText, inlined into the report's hot path.
+Q_ALWAYS_INLINE char *encode(char *at, QStringView text, qsizetype *position, qsizetype end,
+                             OutputBuffer::Escaping escaping)
+{
+    const bool *const special = escaping == OutputBuffer::Escaping::Json     ? Special.json
+                                : escaping == OutputBuffer::Escaping::Script ? Special.script
+                                                                             : Special.plain;
+    const char16_t *const first = text.utf16();
+    const char16_t *const last = first + text.size();
+    const char16_t *unit = first + *position;
+    const char16_t *const pieceEnd = first + end;
+    while (unit < pieceEnd) {
+        char32_t c = *unit++;
+        if (c < 0x80 && !special[c]) {
+            *at++ = char(c);
+            continue;
+        }
+        if (c < 0x80) {
+            const bool opensTag = escaping == OutputBuffer::Escaping::Script && c == '<' &&
+                                  unit != last && *unit == '!';
+            if (c < 0x20 || (escaping == OutputBuffer::Escaping::Plain && c == 0x7F) || opensTag) {
+                if (escaping != OutputBuffer::Escaping::Plain) {
+                    std::memcpy(at, "\\u00", 4);
+                    at += 4;
+                } else {
+                    *at++ = '\\';
+                    *at++ = 'x';
+                }
+                *at++ = HexDigits[c >> 4];
+                *at++ = HexDigits[c & 0xF];
+            } else {
+                const bool closesTag = c == '/' && escaping == OutputBuffer::Escaping::Script &&
+                                       unit - 1 != first && unit[-2] == '<';
+                if ((escaping != OutputBuffer::Escaping::Plain && (c == '"' || c == '\\')) ||
+                    closesTag)
+                    *at++ = '\\';
+                *at++ = char(c);
+            }
+            continue;
+        }
+        // Line and paragraph separators end a line in script text.
+        if (escaping == OutputBuffer::Escaping::Script && (c == 0x2028 || c == 0x2029)) {
+            std::memcpy(at, c == 0x2028 ? "\\u2028" : "\\u2029", 6);
+            at += 6;
+            continue;
+        }
+        if (c >= 0xD800 && c <= 0xDFFF) {
+            if (c <= 0xDBFF && unit != last && *unit >= 0xDC00 && *unit <= 0xDFFF)
+                c = 0x10000 + ((c - 0xD800) << 10) + (*unit++ - 0xDC00);
+            else
+                c = 0xFFFD;
+        }
+        if (c < 0x800) {
+            *at++ = char(0xC0 | (c >> 6));
+        } else if (c < 0x10000) {
+            *at++ = char(0xE0 | (c >> 12));
+            *at++ = char(0x80 | ((c >> 6) & 0x3F));
+        } else {
+            *at++ = char(0xF0 | (c >> 18));
+            *at++ = char(0x80 | ((c >> 12) & 0x3F));
+            *at++ = char(0x80 | ((c >> 6) & 0x3F));
+        }
+        *at++ = char(0x80 | (c & 0x3F));
+    }
+    *position = unit - first;
+    return at;
+}
+} // namespace
+
 void OutputBuffer::appendText(const QString &text, Escaping escaping)
 {
-    const bool *const special = escaping == Escaping::Json     ? Special.json
-                                : escaping == Escaping::Script ? Special.script
-                                                               : Special.plain;
-    const auto *unit = reinterpret_cast<const char16_t *>(text.constData());
-    const char16_t *const first = unit;
-    const char16_t *const end = unit + text.size();
-    while (unit != end) {
+    qsizetype position = 0;
+    while (position < text.size()) {
         // Room for a piece of the text at its longest, so that no unit needs a check of its
         // own. A surrogate pair may take one unit past the piece, in 4 bytes for 2 units.
-        const size_t pieceUnits = qMin(size_t(end - unit), capacity / MaxUnitBytes);
-        reserve(pieceUnits * MaxUnitBytes);
-        char *at = data.get() + used;
-        const char16_t *const pieceEnd = unit + pieceUnits;
-        while (unit < pieceEnd) {
-            char32_t c = *unit++;
-            if (c < 0x80 && !special[c]) {
-                *at++ = char(c);
-                continue;
-            }
-            if (c < 0x80) {
-                const bool opensTag =
-                    escaping == Escaping::Script && c == '<' && unit != end && *unit == '!';
-                if (c < 0x20 || (escaping == Escaping::Plain && c == 0x7F) || opensTag) {
-                    if (escaping != Escaping::Plain) {
-                        std::memcpy(at, "\\u00", 4);
-                        at += 4;
-                    } else {
-                        *at++ = '\\';
-                        *at++ = 'x';
-                    }
-                    *at++ = HexDigits[c >> 4];
-                    *at++ = HexDigits[c & 0xF];
-                } else {
-                    const bool closesTag = c == '/' && escaping == Escaping::Script &&
-                                           unit - 1 != first && unit[-2] == '<';
-                    if ((escaping != Escaping::Plain && (c == '"' || c == '\\')) || closesTag)
-                        *at++ = '\\';
-                    *at++ = char(c);
-                }
-                continue;
-            }
-            // Line and paragraph separators end a line in script text.
-            if (escaping == Escaping::Script && (c == 0x2028 || c == 0x2029)) {
-                std::memcpy(at, c == 0x2028 ? "\\u2028" : "\\u2029", 6);
-                at += 6;
-                continue;
-            }
-            if (c >= 0xD800 && c <= 0xDFFF) {
-                if (c <= 0xDBFF && unit != end && *unit >= 0xDC00 && *unit <= 0xDFFF)
-                    c = 0x10000 + ((c - 0xD800) << 10) + (*unit++ - 0xDC00);
-                else
-                    c = 0xFFFD;
-            }
-            if (c < 0x800) {
-                *at++ = char(0xC0 | (c >> 6));
-            } else if (c < 0x10000) {
-                *at++ = char(0xE0 | (c >> 12));
-                *at++ = char(0x80 | ((c >> 6) & 0x3F));
-            } else {
-                *at++ = char(0xF0 | (c >> 18));
-                *at++ = char(0x80 | ((c >> 12) & 0x3F));
-                *at++ = char(0x80 | ((c >> 6) & 0x3F));
-            }
-            *at++ = char(0x80 | (c & 0x3F));
-        }
+        const qsizetype pieceUnits =
+            qMin(text.size() - position, qsizetype(capacity / MaxUnitBytes));
+        reserve(size_t(pieceUnits) * MaxUnitBytes);
+        char *const at =
+            encode(data.get() + used, text, &position, position + pieceUnits, escaping);
         used = size_t(at - data.get());
     }
+}
+
+char *OutputBuffer::encodeText(char *at, QStringView text, qsizetype *position, qsizetype end,
+                               Escaping escaping)
+{
+    return encode(at, text, position, end, escaping);
 }
 
 void OutputBuffer::flush()

@@ -71,6 +71,13 @@ public:
     void appendBase64(const quint8 *bytes, quint64 count);
     // UTF-8 of the text. Lone surrogates become U+FFFD, so the output is always valid UTF-8.
     void appendText(const QString &text, Escaping escaping);
+    // The most bytes one UTF-16 unit of a text takes in appendText.
+    static constexpr size_t MaxUnitBytes = 6;
+    // appendText's work for the units of text from *position up to end, written at `at`,
+    // which has room for MaxUnitBytes per unit: returns the end of what it wrote, and leaves
+    // *position behind the last unit read (a surrogate pair may take one unit past end).
+    static char *encodeText(char *at, QStringView text, qsizetype *position, qsizetype end,
+                            Escaping escaping);
     // The text as a JSON string: in quotes, with the given escaping.
     void appendString(const QString &text, Escaping escaping)
     {

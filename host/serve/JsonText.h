@@ -1,16 +1,18 @@
 #pragma once
 
+#include "OutputBuffer.h"
+
 #include <QByteArray>
 #include <QString>
 
 #include <optional>
 
 // Pieces of the JSON answers of the server, written as the report's JSON writer writes
-// them (docs/json-format.md): UTF-8, quote and backslash escaped, control characters as
-// \u00XX, a lone surrogate as U+FFFD.
+// them (docs/json-format.md), with the output buffer's encoding: UTF-8, quote and backslash
+// escaped, control characters as \u00XX, a lone surrogate as U+FFFD.
 namespace json {
 // The most bytes one UTF-16 unit of a text takes escaped.
-constexpr int MaxEscapedUnitBytes = 6;
+constexpr size_t MaxEscapedUnitBytes = OutputBuffer::MaxUnitBytes;
 // Writes the text's content as it goes between the quotes of a JSON string at `at`, which
 // has room for MaxEscapedUnitBytes per unit; returns the end of what it wrote.
 char *escape(char *at, QStringView text);
