@@ -55,6 +55,17 @@ export async function openBrowser(chromium, allowed) {
   return { page, problems, close };
 }
 
+// How many pixels of the sample chart have the red of key frames.
+export async function keyFramePixels(page) {
+  return page.evaluate(() => {
+    const canvas = document.getElementById('chart');
+    const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+    let key = 0;
+    for (let i = 0; i < pixels.length; i += 4) if (pixels[i] > 200 && pixels[i + 1] < 120 && pixels[i + 2] < 100) key++;
+    return key;
+  });
+}
+
 // Runs the checks in order, each failing on an exception or on a problem of the page, and
 // tells each as "ok" or "not ok"; returns how many failed.
 export async function runChecks(checks, problems) {

@@ -12,7 +12,7 @@ import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath, pathToFileURL } from 'node:url';
 
-import { browserOrSkip, openBrowser, runChecks } from './harness.mjs';
+import { browserOrSkip, keyFramePixels, openBrowser, runChecks } from './harness.mjs';
 
 const SAMPLE = 'samples/sample.mp4';
 
@@ -290,13 +290,7 @@ check('a report with 100,000 samples opens in a few seconds and stays usable', a
   await page.mouse.click(chart.x + 64 + (chart.width - 76) / 2, chart.y + chart.height / 2);
   const selected = Number(await page.locator('#samples .srow.selected span').first().innerText());
   assert.ok(Math.abs(selected - count / 2) < count / 50, `picked sample ${selected}`);
-  const painted = await page.evaluate(() => {
-    const canvas = document.getElementById('chart');
-    const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-    let key = 0;
-    for (let i = 0; i < pixels.length; i += 4) if (pixels[i] > 200 && pixels[i + 1] < 120 && pixels[i + 2] < 100) key++;
-    return key;
-  });
+  const painted = await keyFramePixels(page);
   assert.ok(painted > 100, 'key frames are marked on the chart');
   await page.screenshot({ path: path.join(outputDir, 'report-100000-samples.png') });
 });

@@ -14,7 +14,7 @@ import { mkdirSync, mkdtempSync, openSync, readSync, closeSync, rmSync } from 'n
 import os from 'node:os';
 import path from 'node:path';
 
-import { browserOrSkip, openBrowser, runChecks, skip } from './harness.mjs';
+import { browserOrSkip, keyFramePixels, openBrowser, runChecks, skip } from './harness.mjs';
 
 const SAMPLES = 200000;
 
@@ -132,13 +132,7 @@ check('the chart zooms with the wheel and with a drag, and a double-click shows 
   const [d0, d1] = (await view()).split(' ').map(Number);
   assert.ok(d0 > x0 && d1 < x1, `dragged to ${d0}–${d1} inside ${x0}–${x1}`);
   await page.screenshot({ path: path.join(outputDir, 'serve-zoomed.png') });
-  const painted = await page.evaluate(() => {
-    const canvas = document.getElementById('chart');
-    const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-    let key = 0;
-    for (let i = 0; i < pixels.length; i += 4) if (pixels[i] > 200 && pixels[i + 1] < 120 && pixels[i + 2] < 100) key++;
-    return key;
-  });
+  const painted = await keyFramePixels(page);
   assert.ok(painted > 20, 'key frames are marked on the zoomed chart');
   await page.mouse.dblclick(chart.x + chart.width / 2, chart.y + chart.height / 2);
   await page.waitForFunction((before) => document.querySelector('#chart').dataset.view === before, full);
