@@ -6,6 +6,7 @@
 #include <QCoreApplication>
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
+#include <QMetaEnum>
 #include <QSocketNotifier>
 #include <QTcpServer>
 
@@ -14,31 +15,11 @@
 #include <unistd.h>
 
 namespace {
+// The request's method as HTTP spells it, from the name Qt gives it ("Get": "GET").
 QByteArray methodName(QHttpServerRequest::Method method)
 {
-    switch (method) {
-    case QHttpServerRequest::Method::Get:
-        return "GET";
-    case QHttpServerRequest::Method::Put:
-        return "PUT";
-    case QHttpServerRequest::Method::Delete:
-        return "DELETE";
-    case QHttpServerRequest::Method::Post:
-        return "POST";
-    case QHttpServerRequest::Method::Head:
-        return "HEAD";
-    case QHttpServerRequest::Method::Options:
-        return "OPTIONS";
-    case QHttpServerRequest::Method::Patch:
-        return "PATCH";
-    case QHttpServerRequest::Method::Connect:
-        return "CONNECT";
-    case QHttpServerRequest::Method::Trace:
-        return "TRACE";
-    default:
-        break;
-    }
-    return "an unknown method";
+    const char *name = QMetaEnum::fromType<QHttpServerRequest::Method>().valueToKey(int(method));
+    return name ? QByteArray(name).toUpper() : QByteArrayLiteral("an unknown method");
 }
 
 // The page of the HTML report without reports: it finds the server's API instead, and may
