@@ -183,6 +183,7 @@ enum class ElementState {
     UnknownType, // a type the parser does not know
     InvalidSize, // a size smaller than the element's own header
     TooDeep,     // nested below the deepest level the parser walks
+    Inflated,    // read from bytes inflated from the file: the positions inside lie in them
 };
 
 // The name of an element state in the reports.
@@ -193,6 +194,8 @@ inline const char *elementStateName(ElementState state)
         return "invalid-size";
     case ElementState::TooDeep:
         return "too-deep";
+    case ElementState::Inflated:
+        return "inflated";
     case ElementState::UnknownType:
         break;
     }

@@ -123,6 +123,15 @@ public:
             next->setElementValue(text);
     }
 
+    void setElementState(ElementState state) override
+    {
+        requireOpen("setElementState");
+        if (!open.empty() && state == ElementState::Inflated)
+            open.back().inflated = true;
+        if (next)
+            next->setElementState(state);
+    }
+
     void endElement() override
     {
         requireOpen("endElement");
@@ -131,8 +140,10 @@ public:
             open.pop_back();
             require(closing.firstChildOffset >= closing.offset,
                     "a child placed before the start of its element");
-            // An element learns its final offset only here (list entries set it late).
-            placeChild(closing.offset);
+            // An element learns its final offset only here (list entries set it late). One
+            // of inflated bytes has positions of its own, which place nothing in its parent.
+            if (!closing.inflated)
+                placeChild(closing.offset);
             if (closing.topLevel) {
                 const quint64 end = closing.offset + closing.size;
                 nextTopLevelOffset = end < closing.offset ? ~quint64(0) : end;
@@ -271,6 +282,7 @@ private:
         quint64 size;
         quint64 firstChildOffset;
         bool topLevel;
+        bool inflated = false;
     };
 
     void placeChild(quint64 offset)

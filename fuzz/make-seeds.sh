@@ -114,3 +114,44 @@ write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u
 write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
     "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
 write empty.mp4 ""
+
+# QuickTime: a sound description of version 1 whose wave atom holds frma, mp4a, esds and a
+# terminator; a time code track (tmcd entry, gmhd with gmin and tcmi); a QuickTime meta without
+# version and flags; lists of atoms ending in terminators.
+wave=$(box wave "$(box frma "$(str mp4a)")" "$(box mp4a "$(u32 0)")" "$esds" "$(u32 0)")
+stsd_qt_sound=$(full stsd 0 0 "$(u32 1)" "$(box mp4a "$(zeros 6)" "$(u16 1)" "$(u16 1)" \
+    "$(zeros 6)" "$(u16 2)" "$(u16 16)" "$(u16 0xfffe)" "$(u16 0)" "$(u32 $((44100 << 16)))" \
+    "$(u32 1024)" "$(u32 0)" "$(u32 2)" "$(u32 2)" "$wave" "$(u32 0)")")
+qt_sound_trak=$(box trak "$(tkhd 0 0 0)" "$(box mdia "$(mdhd 0)" "$(hdlr soun SoundHandler)" \
+    "$(box minf "$smhd" "$dinf" "$(box stbl "$stsd_qt_sound" "$stts" "$stsc" "$stco" \
+    "$stsz_const")")")")
+stsd_tmcd=$(full stsd 0 0 "$(u32 1)" "$(box tmcd "$(zeros 6)" "$(u16 1)" "$(u32 0)" "$(u32 0)" \
+    "$(u32 25)" "$(u32 1)" "$(u8 25)" "$(u8 0)" "$(box name "$(u16 2)" "$(u16 0)" "$(str tc)")")")
+gmhd=$(box gmhd "$(full gmin 0 0 "$(u16 0x40)" "$(u16 0x8000)" "$(u16 0x8000)" "$(u16 0x8000)" \
+    "$(u16 0)" "$(u16 0)")" "$(box tmcd "$(full tcmi 0 0 "$(u16 0)" "$(u16 0)" "$(u16 12)" \
+    "$(u16 0)" "$(zeros 6)" "$(zeros 6)" "$(u8 5)" "$(str Times)")")")
+tmcd_trak=$(box trak "$(tkhd 0 0 0)" "$(box mdia "$(mdhd 0)" "$(hdlr tmcd TimeCodeHandler)" \
+    "$(box minf "$gmhd" "$dinf" "$(box stbl "$stsd_tmcd" "$stts" "$stsc" "$stco" \
+    "$stsz_const")")")")
+qt_udta=$(box udta "$(box meta "$(hdlr mdta '')" "$(u32 0)")" "$(u32 0)")
+ftyp_qt=$(box ftyp "$(str 'qt  ')" "$(u32 512)" "$(str 'qt  ')")
+write quicktime-wave-timecode.mov "$ftyp_qt$(box moov "$mvhd0" "$qt_sound_trak" "$tmcd_trak" \
+    "$qt_udta")$mdat"
+
+# A compressed movie: the movie box of video-track.mp4 in a zlib stream of one stored block,
+# which bash can write, with its Adler-32 checksum. The free box makes the size even, which
+# the fuzz target takes for deep analysis.
+adler32() { # HEX
+    local hex=$1 a=1 b=0 i
+    for ((i = 0; i < ${#hex}; i += 2)); do
+        a=$(((a + 16#${hex:i:2}) % 65521))
+        b=$(((b + a) % 65521))
+    done
+    u32 $((b << 16 | a))
+}
+le16() { printf '%02x%02x' $(($1 & 255)) $(($1 >> 8)); }
+inner_moov=$(box moov "$mvhd0" "$(video_trak 0 "$stsd_avc" "$stco" "$stsz" "")")
+inner_size=$((${#inner_moov} / 2))
+stored="7801$(u8 1)$(le16 $inner_size)$(le16 $((inner_size ^ 0xffff)))$inner_moov$(adler32 "$inner_moov")"
+write compressed-movie.mov "$ftyp_qt$(box moov "$(box cmov "$(box dcom "$(str zlib)")" \
+    "$(box cmvd "$(u32 $inner_size)" "$stored")")")$mdat$(box free "$(zeros 1)")"

@@ -348,6 +348,11 @@ void JsonWriter::beginStream(int index, const StreamInfo &info)
     if (annotated) {
         out.appendLiteral(",\"codecName\":");
         string(info.codecName);
+        // Deep analysis writes it with the track's facts.
+        if (!info.track) {
+            out.appendLiteral(",\"handlerType\":");
+            string(info.handlerType);
+        }
     }
     out.appendLiteral(",\"configOffset\":");
     out.appendUnsigned(info.configOffset);

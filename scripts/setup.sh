@@ -10,7 +10,7 @@ fi
 
 # What building and running needs.
 BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev
-    libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+    libgtest-dev libgmock-dev libbenchmark-dev pkg-config zlib1g-dev)
 # What ./batch needs on top: Dask distributed runs the tool over many files.
 BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's

@@ -101,9 +101,20 @@ void ProblemChecker::beginReport(const QString &fileName, quint64 size)
     next.beginReport(fileName, size);
 }
 
+ProblemChecker::Range ProblemChecker::insideParent(quint64 offset, quint64 size) const
+{
+    const Range range{offset, endOf(offset, size)};
+    if (openElements.empty())
+        return range;
+    const Range &parent = openElements.back();
+    if (offset < parent.begin || offset >= parent.end)
+        return {parent.begin, parent.begin};
+    return {offset, std::min(range.end, parent.end)};
+}
+
 void ProblemChecker::beginElement(quint64 offset, quint64 size, const QString &name, qint64 index)
 {
-    openElements.push_back({offset, endOf(offset, size)});
+    openElements.push_back(insideParent(offset, size));
     next.beginElement(offset, size, name, index);
 }
 
@@ -158,9 +169,9 @@ void ProblemChecker::addPayloadField(quint64 offset, quint64 size, const QString
                                      Payload payload)
 {
     if (payload == Payload::MediaData)
-        mediaData.push_back({offset, endOf(offset, size)});
+        mediaData.push_back(insideParent(offset, size));
     else if (payload == Payload::Filler)
-        filler.push_back({offset, endOf(offset, size)});
+        filler.push_back(insideParent(offset, size));
     next.addPayloadField(offset, size, name, payload);
 }
 

@@ -72,6 +72,11 @@ private:
         quint64 firstSize = 0;
     };
 
+    // The bytes from offset on that lie inside the innermost open element: the bytes of an
+    // element or payload count once, inside its parent, however far it declares to reach.
+    // None for one that begins outside its parent, such as an element whose positions lie in
+    // bytes inflated from the file rather than in the file.
+    Range insideParent(quint64 offset, quint64 size) const;
     void checkSample(quint64 sampleIndex, quint64 offset, quint64 size);
     // A problem of the samples tallied: what one or many of them do.
     void tallyProblem(const Tally &tally, const char *code, Severity severity, const QString &one,

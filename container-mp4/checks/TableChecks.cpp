@@ -296,7 +296,8 @@ void ContainerMP4::checkTracks()
         TrackTableCheck(input, track, movieTimescale,
                         [this](const char *code, Severity severity, const TableBox &box,
                                const QString &message) {
-                            noteProblem(code, severity, box.offset, box.size, message, box.path);
+                            noteProblemIn(box.source, code, severity, box.offset, box.size, message,
+                                          box.path);
                         })
             .run();
     }

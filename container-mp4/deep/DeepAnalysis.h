@@ -37,4 +37,6 @@ public:
     // The key values of the keys box of the metadata box being walked, for the items of
     // its ilst that stand for a key by its index (1 for the first).
     QStringList metadataKeys;
+    // The compression type of the dcom of the compressed movie being walked.
+    QString movieCompression;
 };

@@ -29,3 +29,4 @@ DeepRows protectionRows();         // common encryption: sinf, tenc, pssh, senc
 DeepRows segmentRows();            // segment indexes, events, random access and other extras
 DeepRows trackBoxRows();           // track and data references, media headers, QuickTime boxes
 DeepRows userDataRows();           // udta, meta, keys, ilst items and QuickTime text atoms
+DeepRows quickTimeMovieRows();     // QuickTime's compressed movies and reference movies

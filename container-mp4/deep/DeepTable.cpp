@@ -15,6 +15,7 @@ void ContainerMP4::addDeepRows()
              segmentRows(),
              trackBoxRows(),
              userDataRows(),
+             quickTimeMovieRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

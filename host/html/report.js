@@ -1827,7 +1827,9 @@
     report.streams.forEach((stream, i) => {
       const codec = stream.codecName || 'unknown codec';
       const picture = stream.width || stream.height ? ` ${stream.width}×${stream.height}` : '';
-      add(String(i), `Stream ${stream.index}: ${codec}${picture}, ${stream.sampleCount} samples`);
+      const byHandler = !stream.codecName && stream.handlerType && stream.trackId === undefined && stream.handlerType !== 'vide';
+      add(String(i), byHandler ? `Stream ${stream.index}: ${stream.handlerType}, samples with --deep`
+        : `Stream ${stream.index}: ${codec}${picture}, ${stream.sampleCount} samples`);
     });
   }
 
