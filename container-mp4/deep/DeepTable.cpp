@@ -15,6 +15,9 @@ void ContainerMP4::addDeepRows()
              segmentRows(),
              trackBoxRows(),
              userDataRows(),
+             quickTimeRows(),
+             sphericalVideoRows(),
+             userTypeRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);
