@@ -2,9 +2,12 @@
 // hint tracks, spherical video and spatial audio, and uuid boxes known by their usertype.
 // Compared whole with tests/golden/Deep/legacy-and-extra-boxes.txt.
 
+#include "CheckingSink.h"
 #include "TrackSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <vector>
 
 using namespace bytes;
 using namespace tracks;
@@ -65,7 +68,9 @@ const char *const PiffSampleEncryption = "a2394f525a9b4f14a2446c427c648df4";
 const char *const FragmentTime = "6d1d9b0542d544e680e2141daff757b2";
 const char *const FollowingFragments = "d4807ef2ca3946958e5426cb9e46a79f";
 
-TEST(DeepLegacyAndExtraBoxes, CraftedBoxes)
+using Cases = std::vector<std::pair<const char *, QByteArray>>;
+
+Cases craftedCases()
 {
     const QByteArray kid = QByteArray::fromHex("00112233445566778899aabbccddeeff");
     const QByteArray xtra =
@@ -93,7 +98,7 @@ TEST(DeepLegacyAndExtraBoxes, CraftedBoxes)
              uuidBox(FragmentTime, 1, 0, u64(20000000) + u64(20000000)),
              uuidBox(FollowingFragments, 0, 0,
                      u8(2) + words32({40000000, 20000000, 60000000, 20000000}))}));
-    const std::pair<const char *, QByteArray> cases[] = {
+    return {
         // A track's preload settings, clipping region and matte; the movie's colour table and
         // Windows tags in Xtra: text, a 64-bit number and a value of no known type.
         {"quicktime",
@@ -139,10 +144,41 @@ TEST(DeepLegacyAndExtraBoxes, CraftedBoxes)
                       box("moof", smoothFragment),
                       uuidBox("00000000000000000000000000000001", -1, 0, text("opaque"))})},
     };
+}
+
+TEST(DeepLegacyAndExtraBoxes, CraftedBoxes)
+{
     QString all;
-    for (const auto &[name, input] : cases)
+    for (const auto &[name, input] : craftedCases())
         all += QStringLiteral("== ") + QLatin1String(name) + '\n' + deepDump(input);
     expectGolden(QStringLiteral("Deep/legacy-and-extra-boxes"), all);
+}
+
+// Each crafted case cut at every length, and with each of its bytes set to 0xFF: a balanced
+// report in proportion to the input, with deep analysis and the checks.
+TEST(DeepLegacyAndExtraBoxes, CutAndDamagedCasesEndWithABoundedReport)
+{
+    for (const auto &[name, whole] : craftedCases()) {
+        std::vector<QByteArray> inputs;
+        for (int i = 0; i < whole.size(); ++i) {
+            inputs.push_back(whole.left(i));
+            inputs.push_back(whole);
+            inputs.back()[i] = char(0xFF);
+        }
+        for (const QByteArray &input : inputs) {
+            CheckingSink sink(CheckingSink::Record);
+            TestParser parser;
+            ContainerAbstract::Settings settings;
+            settings.deepAnalysis = true;
+            settings.checkProblems = true;
+            parser.configure(settings);
+            parser.parseBytes(QStringLiteral("test.mp4"), input, sink);
+            ASSERT_TRUE(sink.finished()) << name << " " << input.toHex().constData();
+            ASSERT_EQ(sink.problem(), "") << name << " " << input.toHex().constData();
+            ASSERT_LE(sink.nodes(), CheckingSink::nodeBound(quint64(input.size())))
+                << name << " " << input.toHex().constData();
+        }
+    }
 }
 
 } // namespace
