@@ -86,8 +86,10 @@ Cases craftedCases()
         cat({fullBox("st3d", 0, 0, u8(1)),
              box("sv3d", fullBox("svhd", 0, 0, text("Tool") + u8(0)) + projection)});
     const QByteArray cubeMap = box("sv3d", box("proj", fullBox("cbmp", 0, 0, words32({0, 2}))));
+    // Ambisonic sound, its channel layout a tag of four channels.
     const QByteArray spatialAudio =
-        box("SA3D", cat({u8(0), u8(0), u32(1), u8(0), u8(0), words32({4, 0, 1, 2, 3})}));
+        box("SA3D", cat({u8(0), u8(0), u32(1), u8(0), u8(0), words32({4, 0, 1, 2, 3})})) +
+        fullBox("chan", 0, 0, words32({0x6B0004, 0, 0}));
     const QByteArray piffTrack =
         box("sinf", box("schi", uuidBox(PiffTrackEncryption, 0, 0, cat({u24(1), u8(8), kid}))));
     const QByteArray smoothFragment = box(
