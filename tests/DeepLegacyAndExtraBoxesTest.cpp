@@ -100,9 +100,23 @@ Cases craftedCases()
              uuidBox(FragmentTime, 1, 0, u64(20000000) + u64(20000000)),
              uuidBox(FollowingFragments, 0, 0,
                      u8(2) + words32({40000000, 20000000, 60000000, 20000000}))}));
+    // A Macintosh alias of version 2 to the file of the media, with a path item and the end.
+    QByteArray volume = u8(3) + text("Mac"), target = u8(8) + text("clip.mov");
+    volume += zeros(28 - volume.size());
+    target += zeros(64 - target.size());
+    const QByteArray alias =
+        cat({zeros(4),         u16(164),    u16(2),        u16(0), volume,      u32(3000000000u),
+             text("H+"),       u16(0),      u32(2),        target, u32(17),     u32(3000000001u),
+             text("TVODMooV"), u16(0xFFFF), u16(1),        u32(0), u16(0),      zeros(10),
+             u16(2),           u16(5),      text("a:b:c"), u8(0),  u16(0xFFFF), u16(0)});
+    const QByteArray references =
+        box("dinf", fullBox("dref", 0, 0,
+                            cat({u32(3), fullBox("alis", 0, 0, alias), fullBox("alis", 0, 1),
+                                 fullBox("rsrc", 0, 0, zeros(4) + u16(30) + u16(3) + zeros(4))})));
     return {
-        // A track's preload settings, clipping region and matte; the movie's colour table and
-        // Windows tags in Xtra: text, a 64-bit number and a value of no known type.
+        // A track's preload settings, clipping region and matte; the movie's colour table,
+        // Windows tags in Xtra (text, a 64-bit number and a value of no known type), and data
+        // references by alias: one to another file, one to this file, one of another version.
         {"quicktime",
          box("moov",
              cat({box("trak",
@@ -113,7 +127,7 @@ Cases craftedCases()
                                                cat({u32(12), text("raw "), u32(1), u8(9)})))})),
                   box("ctab", cat({u32(0), u16(0x8000), u16(1), words32({0xFFFF, 0xFFFFFFFF}),
                                    words32({1, 0x1000, 0})})),
-                  box("udta", xtra)}))},
+                  box("udta", xtra), references}))},
         // Cut short: a colour table counting more colours than it holds, an Xtra attribute
         // larger than its box, a value larger than its attribute.
         {"quicktime cut short",
