@@ -108,6 +108,9 @@ protected:
     int getSize(quint64 *value, quint8 width);
     int getID(QString *id);
     int getUUID(QUuid *uuid);
+    // The name of the row of a uuid box whose usertype lies at the given offset, such as
+    // "uuid{a2394f52-5a9b-4f14-a244-6c427c648df4}".
+    QString userTypeRow(quint64 at);
     int searchID(const QString &id, ElementMP4 *element);
 
     // Walks the boxes from begin up to end, one parseElement each, and returns the result

@@ -36,7 +36,10 @@ int ContainerMP4::parseElement(quint64 *size)
     const QString type = deepAnalysis ? typeText(typeBytes) : QString::fromLatin1(typeBytes);
     const bool isUuid = type.toLower() == QLatin1String("uuid");
 
-    const ElementMP4 *found = rowOf(type);
+    // A uuid box is known by its usertype, behind the size and type or behind the big size.
+    const ElementMP4 *found =
+        rowOf(isUuid ? userTypeRow(start + (declaredSize == 1 ? 16 : 8)) : type);
+    input.seek(qint64(start + 8));
     const bool known = found != nullptr;
     ElementMP4 row;
     if (known)
@@ -173,6 +176,14 @@ const ContainerMP4::ElementMP4 *ContainerMP4::rowOf(const QString &type) const
     if (row == elements.constEnd() && !boxPath.isEmpty())
         row = elements.constFind(boxPath.last() + QStringLiteral("/*"));
     return row == elements.constEnd() ? nullptr : *row;
+}
+
+QString ContainerMP4::userTypeRow(quint64 at)
+{
+    input.seek(qint64(at));
+    QUuid uuid;
+    getUUID(&uuid);
+    return QStringLiteral("uuid") + uuid.toString();
 }
 
 int ContainerMP4::walkChildren(quint64 begin, quint64 end)

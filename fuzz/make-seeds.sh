@@ -113,6 +113,35 @@ write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u
     "$(u32 0)")" "$(full trun 0 1 "$(u32 1)" "$(u32 8)")")")$(box mdat "$(zeros 8)")"
 write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
     "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
+# QuickTime's boxes of drawing and loading, 3GPP's codec boxes, the SDP of hint tracks,
+# spherical video, spatial audio and uuid boxes known by their usertype.
+sound() { # TYPE BOXES-HEX
+    box "$1" "$(zeros 6)" "$(u16 1)" "$(zeros 8)" "$(u16 1)" "$(u16 16)" "$(zeros 4)" \
+        "$(u32 $((8000 << 16)))" "$2"
+}
+d263=$(box d263 "$(str FFMP)" "000a00" "$(box bitr "$(u32 64000)" "$(u32 128000)")")
+damr=$(box damr "$(str FFMP)" "00" "$(u16 0x81ff)" "0001")
+sv3d=$(box sv3d "$(full svhd 0 0 "$(str Tool)00")" "$(box proj "$(full prhd 0 0 "$(zeros 12)")" \
+    "$(full equi 0 0 "$(zeros 16)")")")
+sa3d=$(box SA3D "0000" "$(u32 1)" "0000" "$(u32 2)" "$(u32 0)" "$(u32 1)")
+stsd_legacy=$(full stsd 0 0 "$(u32 4)" "$(visual s263 "$d263")" \
+    "$(visual avc1 "$avcC$(full st3d 0 0 01)$sv3d")" "$(sound samr "$damr")" "$(sound mp4a "$sa3d")")
+xtra=$(box Xtra "$(u32 31)" "$(u32 4)" "$(str WM/X)" "$(u32 1)" "$(u32 14)" "$(u16 21)" "$(u64 7)" \
+    "$(u32 9)")
+legacy_trak=$(box trak "$(tkhd 0 64 48)" "$(box load "$(zeros 16)")" \
+    "$(box clip "$(box crgn "$(u16 10)" "$(zeros 8)")")" \
+    "$(box matt "$(full kmat 0 0 "$(u32 8)" "$(str 'raw ')")")" \
+    "$(box udta "$(box hnti "$(box 'sdp ' "$(str 'a=x')")")")" \
+    "$(box mdia "$(mdhd 0)" "$(hdlr vide VideoHandler)" "$(box minf "$vmhd" "$dinf" \
+    "$(box stbl "$stsd_legacy" "$stts" "$stss" "$stsc" "$stco" "$stsz")")")")
+piff_traf=$(box traf "$(full tfhd 0 0 "$(u32 1)")" \
+    "$(box uuid a2394f525a9b4f14a2446c427c648df4 00000000 "$(u32 1)" "$(zeros 8)")" \
+    "$(box uuid 6d1d9b0542d544e680e2141daff757b2 01000000 "$(u64 1)" "$(u64 2)")" \
+    "$(box uuid d4807ef2ca3946958e5426cb9e46a79f 00000000 01 "$(u32 3)" "$(u32 4)")")
+write legacy-boxes.mov "$ftyp$(box uuid be7acfcb97a942e89c71999491e3afac "$(str '<x/>')")$(box moov \
+    "$mvhd0" "$legacy_trak" "$(box ctab "$(zeros 6)" "$(u16 0)" "$(zeros 8)")" \
+    "$(box udta "$xtra" "$(box hnti "$(box 'rtp ' "$(str 'sdp v=0')")")")")$(box moof \
+    "$(full mfhd 0 0 "$(u32 1)")" "$piff_traf")$mdat"
 write empty.mp4 ""
 
 # QuickTime: a sound description of version 1 whose wave atom holds frma, mp4a, esds and a

@@ -252,19 +252,24 @@ TEST(Checks, EveryCutAtABoxBoundaryIsFoundWhereItIs)
 }
 
 // The real files of the tests give no error and no warning, with or without deep analysis; and
-// the parts of their coverage add up to their size.
+// the parts of their coverage add up to their size. mux.js numbers the fragments of each track
+// from 0 on its own, so that its file repeats a sequence number: a true warning.
 TEST(Checks, RealFilesHaveNoErrorsOrWarnings)
 {
     const QDir data(SourceDir + "/tests/data");
     QStringList paths = {SourceDir + "/samples/sample.mp4"};
-    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
+    for (const QString &name :
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.3gp", "*.m4s"}, QDir::Files))
         paths << data.filePath(name);
     for (const QString &path : paths) {
         for (const bool deep : {false, true}) {
             SCOPED_TRACE((path + (deep ? " deep" : "")).toStdString());
             const ReportTree report = checked(readFile(path), deep);
-            for (const Problem &problem : report.problems)
+            for (const Problem &problem : report.problems) {
+                if (path.endsWith("node-muxjs.mp4") && problem.code == "fragment-sequence-gap")
+                    continue;
                 EXPECT_EQ(problem.severity, Severity::Info) << problem.message.toStdString();
+            }
             ASSERT_TRUE(report.coverage);
             const Coverage &c = *report.coverage;
             EXPECT_EQ(c.structure + c.sampleData + c.unreferencedMediaData + c.filler + c.unknown +

@@ -65,13 +65,17 @@ QString sourcePath(const char *name)
     return QStringLiteral(SARVELINTH_SOURCE_DIR "/") + QLatin1String(name);
 }
 
-// The real files that FFmpeg made for the tests, and the sample, as whole files ffprobe reads.
+// The sample entries of PCM whose samples ffprobe packs into larger packets.
+const QStringList PackedPcm = {"sowt", "twos", "lpcm", "in24", "in32", "fl32", "fl64", "raw "};
+
+// The real files that FFmpeg and the Node muxers made for the tests, and the sample, as whole
+// files ffprobe reads.
 QStringList realFiles()
 {
     const QDir data(sourcePath("tests/data"));
     QStringList paths = {sourcePath("samples/sample.mp4")};
     for (const QString &name :
-         data.entryList({"*.mp4", "*.m4a", "*.mov", "*-init.m4s"}, QDir::Files))
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.3gp", "*-init.m4s"}, QDir::Files))
         paths << data.filePath(name);
     return paths;
 }
@@ -207,8 +211,10 @@ TEST(RealFiles, BoxesMatchAPlainWalkAndVideoSamplesTheVideoPacketsOfFfprobe)
 // Deep analysis lists the samples of every track, those of movie fragments too, with
 // composition times: each one as ffprobe reads its packet. Where composition offsets are
 // negative, FFmpeg moves a stream's decoding times back by the most negative one, so that no
-// sample decodes after it is shown; pts - dts is compared after that shift. The files of
-// GStreamer too, but for their PCM, which ffprobe packs.
+// sample decodes after it is shown; pts - dts is compared after that shift. ffprobe cannot
+// judge two kinds of track: it packs the samples of PCM into packets of its own, and it takes
+// every packet of a hint track for a key frame. Those are left out on both sides. The files
+// of GStreamer too.
 TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
@@ -222,9 +228,14 @@ TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
         const ReportTree report = parseReport(readFile(path), deep);
         const QList<int> packed = packedStreams(path);
         QString ours;
+        QStringList unjudged;
         for (const ReportTree::Stream &stream : report.streams) {
-            if (packed.contains(stream.index))
+            const StreamInfo &info = stream.info;
+            if (packed.contains(stream.index) || info.handlerType == QLatin1String("hint") ||
+                (info.track && PackedPcm.contains(info.track->sampleEntry))) {
+                unjudged << QString::number(stream.index) + ' ';
                 continue;
+            }
             const auto &samples = stream.trackSamples;
             qint64 shift = 0;
             for (const TrackSample &sample : samples)
@@ -238,7 +249,12 @@ TEST(RealFiles, DeepSamplesOfEveryTrackAreThePacketsOfFfprobe)
                                           step);
             }
         }
-        EXPECT_EQ(ours.toStdString(), packetsOfFfprobe(path, false, true, packed).toStdString());
+        QStringList theirs = packetsOfFfprobe(path, false, true, packed).split('\n');
+        theirs.removeIf([&](const QString &line) {
+            return std::any_of(unjudged.begin(), unjudged.end(),
+                               [&](const QString &index) { return line.startsWith(index); });
+        });
+        EXPECT_EQ(ours.toStdString(), theirs.join('\n').toStdString());
     }
 }
 

@@ -16,6 +16,9 @@ void ContainerMP4::addDeepRows()
              trackBoxRows(),
              userDataRows(),
              quickTimeMovieRows(),
+             quickTimeRows(),
+             sphericalVideoRows(),
+             userTypeRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

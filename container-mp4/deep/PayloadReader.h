@@ -77,9 +77,10 @@ public:
     // A counted text in a field of a fixed width: its first byte the length of the UTF-8 text
     // behind it, the rest of the field padding. Reported as one field of the whole width.
     QString countedText(const char *name, quint64 width, const QString &comment = QString());
-    // UTF-16 of the given width, up to its first zero character: big-endian unless a
-    // byte-order mark in front says otherwise.
-    QString utf16(const char *name, quint64 width, const QString &comment = QString());
+    // UTF-16 of the given width, up to its first zero character: big-endian, or little-endian
+    // when asked, unless a byte-order mark in front says otherwise.
+    QString utf16(const char *name, quint64 width, const QString &comment = QString(),
+                  bool littleEndian = false);
 
     // Bytes
     // A raw field: its bytes in hex.
