@@ -146,6 +146,8 @@ private:
     int parseDeepBox(const ElementMP4 &row, quint64 offset, quint64 size);
     // The samples of every track from its tables, told as deep analysis tells them.
     void walkTrackSamples();
+    // The items of the file's top-level meta box, resolved and checked (items/).
+    void reportItems();
 
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.
