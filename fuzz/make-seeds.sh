@@ -1,6 +1,6 @@
 #!/bin/bash
-# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/: small well-formed files
-# that reach every kind of box the parser reads, so that the fuzzer starts from inputs
+# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/, beside two small real images:
+# small well-formed files that reach every kind of box the parser reads, so that the fuzzer starts from inputs
 # that already get deep into the tree. Everything is built as hex text and turned into
 # bytes at the end, with nothing but bash and coreutils.
 set -euo pipefail
@@ -114,3 +114,8 @@ write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u
 write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
     "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
 write empty.mp4 ""
+# Files of items, as heif-enc and avifenc write them (tests/data/make-image-files.sh): a HEIC
+# with thumbnails and an AVIF grid, which reach the item boxes, their properties and idat.
+data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
+cp "$data/image-two.heic" "$out/images-with-thumbnails.heic"
+cp "$data/image-grid.avif" "$out/image-grid.avif"
