@@ -167,6 +167,8 @@ private:
     std::vector<InflatedMovie> inflatedMovies;
     // The device of the inflated bytes being walked; null while the file is.
     InputDevice *inflatedSource = nullptr;
+    // The items of the file's top-level meta box, resolved and checked (items/).
+    void reportItems();
 
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.

@@ -225,6 +225,16 @@ public:
             next->addTrackSample(sampleIndex, sample);
     }
 
+    void addItem(const Item &item) override
+    {
+        requireInReport("addItem");
+        require(open.empty() && !streamOpen, "an item inside an element or a stream");
+        if (item.extents)
+            require(item.extentsReason.isEmpty(), "an item with extents and a reason");
+        if (next)
+            next->addItem(item);
+    }
+
     void addProblem(const Problem &problem) override
     {
         requireInReport("addProblem");

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/: small well-formed files
-# that reach every kind of box the parser reads, so that the fuzzer starts from inputs
+# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/, beside two small real images:
+# small well-formed files that reach every kind of box the parser reads, so that the fuzzer starts from inputs
 # that already get deep into the tree. Everything is built as hex text and turned into
 # bytes at the end, with nothing but bash and coreutils.
 set -euo pipefail
@@ -184,3 +184,8 @@ inner_size=$((${#inner_moov} / 2))
 stored="7801$(u8 1)$(le16 $inner_size)$(le16 $((inner_size ^ 0xffff)))$inner_moov$(adler32 "$inner_moov")"
 write compressed-movie.mov "$ftyp_qt$(box moov "$(box cmov "$(box dcom "$(str zlib)")" \
     "$(box cmvd "$(u32 $inner_size)" "$stored")")")$mdat$(box free "$(zeros 1)")"
+# Files of items, as heif-enc and avifenc write them (tests/data/make-image-files.sh): a HEIC
+# with thumbnails and an AVIF grid, which reach the item boxes, their properties and idat.
+data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
+cp "$data/image-two.heic" "$out/images-with-thumbnails.heic"
+cp "$data/image-grid.avif" "$out/image-grid.avif"

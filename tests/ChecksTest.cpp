@@ -259,7 +259,8 @@ TEST(Checks, RealFilesHaveNoErrorsOrWarnings)
     const QDir data(SourceDir + "/tests/data");
     QStringList paths = {SourceDir + "/samples/sample.mp4"};
     for (const QString &name :
-         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.3gp", "*.m4s"}, QDir::Files))
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.3gp", "*.m4s", "*.heic", "*.avif"},
+                        QDir::Files))
         paths << data.filePath(name);
     for (const QString &path : paths) {
         for (const bool deep : {false, true}) {
@@ -272,8 +273,8 @@ TEST(Checks, RealFilesHaveNoErrorsOrWarnings)
             }
             ASSERT_TRUE(report.coverage);
             const Coverage &c = *report.coverage;
-            EXPECT_EQ(c.structure + c.sampleData + c.unreferencedMediaData + c.filler + c.unknown +
-                          c.trailing,
+            EXPECT_EQ(c.structure + c.sampleData + c.itemData + c.unreferencedMediaData + c.filler +
+                          c.unknown + c.trailing,
                       c.fileSize);
         }
     }

@@ -4,6 +4,7 @@
 // capped, so that runaway allocation fails the test instead of slowing the machine.
 
 #include "CheckingSink.h"
+#include "ItemSupport.h"
 #include "Support.h"
 
 #include <QDir>
@@ -237,6 +238,7 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         {"TerminatorsEverywhere", box("moov", box("udta", u32(0) + box("meta", u32(0)) + u32(0)) + u32(0) + u32(0))},
     };
     // clang-format on
+    cases += items::hostileItemFiles();
     const QDir kept(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data/regressions"));
     for (const QString &name : kept.entryList(QDir::Files, QDir::Name))
         cases.append({name, readWholeFile(kept.filePath(name))});
@@ -348,7 +350,8 @@ TEST(Swept, DamagedHeadersAndCountsGiveBoundedBalancedReports)
 {
     const QDir data(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data"));
     QStringList paths = {SARVELINTH_SOURCE_DIR "/samples/sample.mp4"};
-    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
+    for (const QString &name :
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s", "*.heic", "*.avif"}, QDir::Files))
         paths << data.filePath(name);
     std::mt19937 random(20261123u);
     for (const QString &path : paths) {

@@ -18,8 +18,8 @@
 // the report ends.
 //
 // Memory: the media data, filler, unknown and trailing ranges (as many as the file has such
-// boxes), 16 bytes per sample for the checks that need the samples in the order of their
-// offsets, and at most MaxProblems problems; beyond those only their number is kept.
+// boxes), the extents of items, 16 bytes per sample for the checks that need the samples in the
+// order of their offsets, and at most MaxProblems problems; beyond those only their number is kept.
 class SARVELINTH_ABSTRACT_EXPORT ProblemChecker : public ReportSink {
 public:
     static constexpr size_t MaxProblems = 10000;
@@ -50,6 +50,7 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
 
 private:
@@ -88,6 +89,7 @@ private:
     quint64 fileSize = 0;
     std::vector<Range> openElements;
     std::vector<Range> mediaData, filler, unknown, trailing;
+    std::vector<Range> itemData; // the extents of items
     std::deque<SampleRange> samples;
     // Where the samples of each stream begin among them, and whether each stream's come in the
     // order of their offsets.

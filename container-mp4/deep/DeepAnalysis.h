@@ -1,5 +1,6 @@
 #pragma once
 
+#include "items/ItemWalk.h"
 #include "samples/TrackContext.h"
 
 #include <QStringList>
@@ -39,4 +40,6 @@ public:
     QStringList metadataKeys;
     // The compression type of the dcom of the compressed movie being walked.
     QString movieCompression;
+    // The items of the file's top-level meta box.
+    ItemWalk items;
 };

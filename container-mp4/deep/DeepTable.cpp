@@ -1,6 +1,7 @@
 #include "DeepAnalysis.h"
 #include "DeepRows.h"
 #include "PayloadReader.h"
+#include "items/ItemRows.h"
 
 void ContainerMP4::addDeepRows()
 {
@@ -19,6 +20,8 @@ void ContainerMP4::addDeepRows()
              quickTimeRows(),
              sphericalVideoRows(),
              userTypeRows(),
+             itemRows(),
+             itemPropertyRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

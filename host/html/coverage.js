@@ -5,6 +5,7 @@ import { num } from './format.js';
 export const COVERAGE_PARTS = [
   ['structure', 'box headers and fields', '#1f6feb'],
   ['sampleData', 'sample data', '#8c959f'],
+  ['itemData', 'item data', '#2da44e'],
   ['unreferencedMediaData', 'media data no sample references', '#e5a50a'],
   ['filler', 'free and skip', '#d0d7de'],
   ['unknown', 'unknown boxes', '#a371f7'],
