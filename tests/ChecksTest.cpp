@@ -180,6 +180,10 @@ TEST(Checks, QuickTimeListsCompressedMoviesAndBoxesPastTheirParents)
         {"a compressed movie that inflates to far more than its box",
          cat({ftyp, compressedMovie(inflatesFar, quint32(inflatesFar.size()))})},
         {"a compressed movie cut short", cat({ftyp, damaged.left(damaged.size() - 10)})},
+        {"a compressed movie whose zlib data ends early",
+         cat({ftyp, box("moov", box("cmov", box("dcom", text("zlib")) +
+                                                box("cmvd", u32(quint32(moov.size())) +
+                                                                qCompress(moov).mid(4, 30))))})},
         {"a compressed movie with an unknown box inside",
          cat({ftyp, box("mdat", zeros(24)),
               compressedMovie(unknownInside, quint32(unknownInside.size()))})},

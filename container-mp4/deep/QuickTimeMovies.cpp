@@ -127,7 +127,7 @@ int parseReferenceDataReference(PayloadReader &box)
     const QString type = box.fourcc("data_reference_type");
     const quint32 size = box.sizeField("data_reference_size", 4);
     if (type == QLatin1String("url ") && size > 0 && size <= box.left())
-        box.utf8("data_reference", size);
+        box.fixedText("data_reference", size);
     else
         box.data("data_reference", size);
     box.rest();

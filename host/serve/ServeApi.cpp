@@ -193,6 +193,9 @@ void writeStream(QByteArray &out, const FileIndex::Stream &stream)
     object.integer("height", info.height);
     object.integer("codecId", info.codecId);
     object.string("codecName", info.codecName);
+    // As in the annotated report: deep analysis writes it with the track's facts.
+    if (!info.track)
+        object.string("handlerType", info.handlerType);
     object.number("configOffset", info.configOffset);
     object.number("configSize", info.configSize);
     if (const std::optional<TrackFacts> &facts = info.track) {
