@@ -119,6 +119,7 @@ TEST_P(ServeFiles, TreeSamplesAndProblemsAreThoseOfTheJsonReport)
     const QJsonObject facts =
         get(api, QStringLiteral("/api/v1/files")).body[QStringLiteral("files")][0].toObject();
     EXPECT_EQ(facts[QStringLiteral("coverage")], report[QStringLiteral("coverage")]);
+    EXPECT_EQ(facts[QStringLiteral("items")], report[QStringLiteral("items")]);
     if (check) {
         const QJsonArray problems = report[QStringLiteral("problems")].toArray();
         EXPECT_EQ(facts[QStringLiteral("problemCount")].toInteger(), problems.size());
@@ -153,7 +154,8 @@ INSTANTIATE_TEST_SUITE_P(Files, ServeFiles,
                          testing::Values(ServedCase{"samples/sample.mp4", false, false},
                                          ServedCase{"samples/sample.mp4", false, true},
                                          ServedCase{"tests/data/deep-h264-aac.mov", true, false},
-                                         ServedCase{"tests/data/frag-empty-moov.mp4", true, true}));
+                                         ServedCase{"tests/data/frag-empty-moov.mp4", true, true},
+                                         ServedCase{"tests/data/image-grid.avif", true, true}));
 
 TEST(Serve, RangesAtTheEdges)
 {

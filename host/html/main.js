@@ -15,6 +15,7 @@ import './views/map.js';
 import './views/problems.js';
 import './views/samples.js';
 import './views/chart.js';
+import './views/items.js';
 
 // Lets the page paint its frame before a large report is parsed.
 requestAnimationFrame(() => setTimeout(start, 0));

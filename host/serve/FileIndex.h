@@ -135,6 +135,8 @@ public:
     // keep) and where the bytes of the file went.
     const std::vector<Problem> &problems() const { return problemList; }
     const std::optional<Coverage> &coverage() const { return coverageValue; }
+    // The items of a file of images, in deep mode; as many as its item boxes hold.
+    const std::vector<Item> &items() const { return itemList; }
 
     // The escaped JSON text of a reference.
     QByteArray text(quint64 reference) const;
@@ -179,6 +181,7 @@ public:
     void endStream() override;
     void addProblem(const Problem &problem) override { problemList.push_back(problem); }
     void setCoverage(const Coverage &coverage) override { coverageValue = coverage; }
+    void addItem(const Item &item) override { itemList.push_back(item); }
 
 private:
     // A child as the child files hold it, in 32 bytes; one whose size, index or texts do not
@@ -251,4 +254,5 @@ private:
 
     std::vector<Problem> problemList;
     std::optional<Coverage> coverageValue;
+    std::vector<Item> itemList;
 };

@@ -268,6 +268,66 @@ void writeCoverage(QByteArray &out, const Coverage &coverage)
     }
 }
 
+// As an item of the report's "items".
+void writeItem(QByteArray &out, const Item &item)
+{
+    json::Object object(out);
+    object.number("id", item.id);
+    object.string("type", item.type);
+    object.string("name", item.name);
+    object.string("contentType", item.contentType);
+    object.boolean("primary", item.primary);
+    object.boolean("hidden", item.hidden);
+    if (item.extents) {
+        json::Array extents(object.key("extents"));
+        for (const ItemExtent &extent : *item.extents) {
+            json::Object entry(extents.next());
+            entry.number("offset", extent.offset);
+            entry.number("length", extent.length);
+        }
+    } else {
+        object.key("extents") += "null";
+        object.string("extentsReason", item.extentsReason);
+    }
+    {
+        json::Array properties(object.key("properties"));
+        for (const ItemProperty &property : item.properties) {
+            json::Object entry(properties.next());
+            entry.number("index", property.index);
+            if (property.path.isEmpty()) {
+                entry.key("type") += "null";
+            } else {
+                entry.string("type", property.type);
+            }
+            entry.boolean("essential", property.essential);
+            if (property.path.isEmpty())
+                entry.key("path") += "null";
+            else
+                entry.string("path", property.path);
+        }
+    }
+    {
+        json::Array references(object.key("references"));
+        for (const ItemReference &reference : item.references) {
+            json::Object entry(references.next());
+            entry.string("type", reference.type);
+            entry.string("direction", reference.outgoing ? u"to" : u"from");
+            json::Array ids(entry.key("items"));
+            for (const quint32 id : reference.items)
+                json::appendNumber(ids.next(), id);
+        }
+    }
+    object.number("width", item.width);
+    object.number("height", item.height);
+    if (item.grid) {
+        json::Object grid(object.key("grid"));
+        grid.number("rows", item.grid->rows);
+        grid.number("columns", item.grid->columns);
+        grid.number("outputWidth", item.grid->outputWidth);
+        grid.number("outputHeight", item.grid->outputHeight);
+    }
+}
+
 void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
 {
     json::Object object(out);
@@ -288,6 +348,11 @@ void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)
         json::Array streams(object.key("streams"));
         for (const FileIndex::Stream &stream : index.streams())
             writeStream(streams.next(), stream);
+    }
+    if (!index.items().empty()) {
+        json::Array items(object.key("items"));
+        for (const Item &item : index.items())
+            writeItem(items.next(), item);
     }
     if (index.coverage()) {
         const std::vector<Problem> &problems = index.problems();

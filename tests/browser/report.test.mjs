@@ -244,6 +244,31 @@ check('a checked file lists its problems, shows their bytes and colours its map 
   assert.match(await page.locator('#coverage-legend').innerText(), new RegExp(`sample data: ${checked.coverage.parts.sampleData} bytes`));
 });
 
+check('the items of an image are listed, and choosing one marks its bytes', async () => {
+  const image = 'tests/data/image-two.heic';
+  const file = path.join(outputDir, 'image.html');
+  runTool(['--format', 'html', '--deep', '--check', '-o', file, image]);
+  const items = JSON.parse(runTool(['--format', 'json', '--deep', image]).toString()).items;
+  const bytes = readFileSync(path.join(sourceDir, image));
+  await open(file);
+  await page.locator('#tabs button', { hasText: `Items (${items.length})` }).click();
+  await page.waitForSelector('#items .prow');
+  assert.equal(await page.locator('#items .prow').count(), items.length);
+  const first = await cellTexts(page.locator('#items .prow').first());
+  assert.deepEqual(first.slice(0, 4), [String(items[0].id), items[0].type, `${items[0].width}x${items[0].height}`, 'primary']);
+  // The thumbnail's grid: its layout in idat, marked in the hex view. (The page keeps only the
+  // head of media data, so the images in mdat have no bytes to mark there.)
+  const grid = items.findIndex((item) => item.type === 'grid');
+  await page.locator(`#items .prow[data-row="${grid}"]`).click();
+  await page.waitForFunction(() => document.querySelector('#element-head h2')?.textContent === 'idat');
+  const extent = items[grid].extents[0];
+  await page.waitForSelector('#hex .hbytes .mark');
+  assert.equal((await page.locator('#hex .hbytes .mark').allInnerTexts()).join(' '),
+    hex(bytes.subarray(extent.offset, extent.offset + extent.length)));
+  await page.locator('#tabs button', { hasText: 'Problems' }).click();
+  assert.match(await page.locator('#coverage-legend').innerText(), /item data: \d+ bytes/);
+});
+
 check('hostile names are shown as text', async () => {
   const hostile = structuredClone(embedded);
   const names = ['</script><img src=x onerror=alert(1)>', '<!--<script>', '\u2028"\'&'];
