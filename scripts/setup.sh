@@ -14,9 +14,10 @@ BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websoc
 # What ./batch needs on top: Dask distributed runs the tool over many files.
 BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
-# python3 checks the JSON documents against their schema, pytest runs the tests of ./batch.
+# python3 checks the JSON documents against their schema, pytest runs the tests of ./batch,
+# heif-info tells the items of the test images.
 TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev python3 python3-jsonschema python3-distributed
-    python3-pytest)
+    python3-pytest libheif-examples)
 
 # ensure_packages PACKAGE...: installs those not installed yet, with apt-get as root.
 ensure_packages() {
