@@ -104,6 +104,11 @@ public:
         for (ReportSink *sink : sinks)
             sink->endStream();
     }
+    void addJoinedFile(const QString &fileName, quint64 fileSize) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->addJoinedFile(fileName, fileSize);
+    }
     void addProblem(const Problem &problem) override
     {
         for (ReportSink *sink : sinks)

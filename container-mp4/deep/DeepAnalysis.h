@@ -30,6 +30,7 @@ struct FragmentWalk {
 class DeepAnalysis {
 public:
     quint64 moofCount = 0;
+    int file = 0; // of joined files, the one being walked
     std::optional<quint32> lastSequenceNumber; // of the last mfhd
     // From trex, by track_ID.
     std::map<quint32, SampleDefaults> trackDefaults;
@@ -37,4 +38,7 @@ public:
     // The key values of the keys box of the metadata box being walked, for the items of
     // its ilst that stand for a key by its index (1 for the first).
     QStringList metadataKeys;
+    // The type the codecs string of a track begins with while the children of the track's
+    // first sample entry are walked, for its configuration box to complete; empty elsewhere.
+    QString codecsEntry;
 };

@@ -17,6 +17,7 @@ struct TableBox {
     quint32 version = 0;
     bool present = false;
     QString path; // of the box, for the problems the checks find in it
+    int file = 0; // of joined files, the one the box lies in
 };
 
 // The defaults of a track's samples in movie fragments: those of trex, which those of tfhd
@@ -43,6 +44,7 @@ struct FragmentRun {
     std::optional<quint64> baseMediaDecodeTime;
     quint64 dataSize = 0;  // the bytes of its samples' data
     FragmentOrigin origin; // trunEntry unused
+    int file = 0;          // of joined files, the one the run lies in
 };
 
 // What the walk notes of one track: where the boxes lie that tell its samples and its
