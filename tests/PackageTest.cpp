@@ -5,7 +5,6 @@
 #include "Manifest.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -18,6 +17,8 @@
 #include <QtEndian>
 
 #include <gtest/gtest.h>
+
+#include <sys/resource.h>
 
 namespace {
 
@@ -148,6 +149,15 @@ QList<Package> packages()
         "package.m3u8",
         {QStringList{"init.mp4"} + hls.entryList({"package*.m4s"}, QDir::Files, QDir::Name)}};
     return all;
+}
+
+// The processor time of the children that ended so far, in seconds.
+double childSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 QStringList problemCodes(const QJsonObject &report, const char *severity = nullptr)
@@ -299,10 +309,10 @@ TEST(Package, HostileManifestsAreBounded)
     for (const auto &test : cases) {
         SCOPED_TRACE(test.name);
         const QString path = write(QLatin1String(test.name), test.manifest);
-        QElapsedTimer timer;
-        timer.start();
+        // The command's processor time: the machines of the tests are shared.
+        const double before = childSeconds();
         const QJsonObject report = reportOf(path);
-        EXPECT_LT(timer.elapsed(), 2000);
+        EXPECT_LT(childSeconds() - before, 2.0);
         EXPECT_TRUE(problemCodes(report).contains(QLatin1String(test.code)))
             << problemCodes(report).join(' ').toStdString();
         EXPECT_TRUE(report.value("files").toArray().isEmpty());

@@ -59,7 +59,7 @@ struct Package {
 // Manifests longer than this are not read: no real one comes near it.
 constexpr qint64 MaxManifestBytes = 4 * 1024 * 1024;
 // Segments of all representations together: a template may name any number of them.
-constexpr quint64 MaxSegments = 100000;
+constexpr quint64 MaxSegments = 20000;
 
 // Whether a file name is that of a manifest: .mpd or .m3u8 (any case).
 bool isManifestName(const QString &fileName);
