@@ -5,6 +5,8 @@
 #   b.mp4  6 hours of video + AAC (1,296,000 video samples, ~1M audio samples)
 #   c.mp4  b.mp4 with the moov in front
 #   d.mp4  a.mp4 fragmented
+#   e.mp4  the first 2,000 s of a.mp4 fragmented at its key frames (every 2 s)
+#   package/package.mpd  the same 2,000 s as a DASH package of 1,000 segments
 set -euo pipefail
 cd "$(dirname "$0")"
 mkdir -p inputs
@@ -22,4 +24,7 @@ ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
     -map 0:v -map 1:a -t 21600 -c copy b.mp4
 [ -f c.mp4 ] || ff -i b.mp4 -map 0 -c copy -movflags +faststart c.mp4
 [ -f d.mp4 ] || ff -i a.mp4 -map 0 -c copy -movflags +frag_keyframe+empty_moov d.mp4
-ls -l a.mp4 b.mp4 c.mp4 d.mp4
+[ -f e.mp4 ] || ff -i a.mp4 -t 2000 -map 0 -c copy -movflags +frag_keyframe+empty_moov e.mp4
+[ -f package/package.mpd ] || { mkdir -p package && ff -i a.mp4 -t 2000 -map 0 -c copy \
+    -seg_duration 2 -use_template 1 -use_timeline 1 -f dash package/package.mpd; }
+ls -l a.mp4 b.mp4 c.mp4 d.mp4 e.mp4 package/package.mpd

@@ -68,10 +68,23 @@ ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, Rep
     qint64 begin = 0;
     findBeginOfContainer(&begin);
     prepareParsing();
+    walkElements(begin);
 
+    finalizeParsing();
+    advanceStreamsTo(int(streams.size()));
+    sink.endReport();
+    this->sink = nullptr;
+    if (checker)
+        problemsFound = checker->counts();
+    return RunOk;
+}
+
+void ContainerAbstract::walkElements(qint64 begin)
+{
     // A non-zero result of one element does not stop the walk: everything behind it is
     // still reported. An element size of 0, or one that carries the position past 2^64,
     // cannot advance the walk, so it ends there.
+    const quint64 end = quint64(input.size());
     quint64 position = quint64(qMax<qint64>(begin, 0));
     while (position < end) {
         currentOffset = position;
@@ -82,14 +95,65 @@ ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, Rep
             break;
         position += size;
     }
+}
 
+ContainerAbstract::RunResult ContainerAbstract::parseJoined(const QStringList &fileNames,
+                                                            ReportSink &target, QString *error)
+{
+    if (fileNames.isEmpty() || !canJoinFiles() ||
+        verifyContainerFormat(fileNames.first()) != ParseOk)
+        return RunNotThisFormat;
+    QVector<quint64> sizes;
+    joinedSize = 0;
+    for (const QString &fileName : fileNames) {
+        QString problem;
+        if (!input.openFile(fileName, &problem)) {
+            if (error)
+                *error = fileName + QStringLiteral(": ") + problem;
+            return RunOpenFailed;
+        }
+        sizes << quint64(input.size());
+        joinedSize += sizes.back();
+    }
+    joinedFiles = fileNames;
+    problemsFound = ProblemCounts();
+    currentFile = -1; // the input is on the last file; the walk begins with the first
+    // The checks of one file's bytes (coverage, elements past its end) do not span files:
+    // problems go to the sink as the parser finds them.
+    sink = &target;
+    sink->beginReport(fileNames.first(), joinedSize);
+    prepareParsing();
+    for (int file = 0; file < fileNames.size(); ++file) {
+        sink->addJoinedFile(fileNames[file], sizes[file]);
+        sink->beginElement(0, sizes[file], fileNames[file], -1);
+        if (switchToFile(file)) {
+            if (file > 0)
+                continueWithFile(file);
+            qint64 begin = 0;
+            findBeginOfContainer(&begin);
+            walkElements(begin);
+        } else {
+            sink->setElementNote(QStringLiteral("The file cannot be opened again."));
+        }
+        sink->endElement();
+    }
+    // What the presentation tells of itself comes from its first file.
+    switchToFile(0);
     finalizeParsing();
     advanceStreamsTo(int(streams.size()));
-    sink.endReport();
-    this->sink = nullptr;
-    if (checker)
-        problemsFound = checker->counts();
+    sink->endReport();
+    sink = nullptr;
     return RunOk;
+}
+
+bool ContainerAbstract::switchToFile(int file)
+{
+    if (file == currentFile)
+        return true;
+    if (file < 0 || file >= joinedFiles.size())
+        return false;
+    currentFile = input.openFile(joinedFiles[file], nullptr) ? file : -1;
+    return currentFile == file;
 }
 
 void ContainerAbstract::beginElement(quint64 offset, quint64 size, const QString &name,
@@ -170,8 +234,14 @@ void ContainerAbstract::reportFileFacts(const FileFacts &facts)
 
 void ContainerAbstract::reportProblem(const Problem &problem)
 {
-    if (checkProblems)
-        sink->addProblem(problem);
+    if (!checkProblems)
+        return;
+    sink->addProblem(problem);
+    // Joined files have no checker in front of the sink to count them.
+    if (!joinedFiles.isEmpty())
+        ++(problem.severity == Severity::Error     ? problemsFound.errors
+           : problem.severity == Severity::Warning ? problemsFound.warnings
+                                                   : problemsFound.infos);
 }
 
 int ContainerAbstract::reportSample(uint stream, quint64 sampleIndex)

@@ -7,6 +7,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 // Base of the container parsers. It opens the input, drives a parser through its five
@@ -69,6 +70,12 @@ public:
     RunResult parse(const QString &fileName, ReportSink &sink, QString *error = nullptr);
     // The same over bytes in memory; fileName serves the format check and the report.
     RunResult parseBytes(const QString &fileName, const QByteArray &bytes, ReportSink &sink);
+    // Runs the parser over files read as one presentation, in the order given: an
+    // initialization segment (or a whole file with its movie) first, then media segments.
+    // Each file's elements come inside an element named after the file, at their own
+    // offsets; the streams of the presentation follow once, each sample naming its file.
+    // RunNotThisFormat when the parser does not take the first file or cannot join files.
+    RunResult parseJoined(const QStringList &fileNames, ReportSink &sink, QString *error = nullptr);
     // The problems the last run found; none without checks.
     const ProblemCounts &problemCounts() const { return problemsFound; }
 
@@ -78,6 +85,14 @@ protected:
     virtual int parseElement(quint64 *size) = 0;
     virtual void prepareParsing() {}
     virtual void finalizeParsing() {}
+    // Joined files: whether the parser carries what it gathered of the tracks from one file
+    // to the next, and the call that tells it the input is on the next file, before that
+    // file's elements. Parsers that cannot join files take no notice.
+    virtual bool canJoinFiles() const { return false; }
+    virtual void continueWithFile(int file) { Q_UNUSED(file); }
+    // Joined files: puts the input on a file of the presentation, counted from 0; false when
+    // it cannot be opened again.
+    bool switchToFile(int file);
 
     void beginElement(quint64 offset, quint64 size, const QString &name, qint64 index);
     void beginListEntry(const QString &name, qint64 index);
@@ -126,9 +141,16 @@ protected:
     QVector<StreamInfo *> streams;
     int currentTrackType = OtherTrack;
     quint32 sampleCount = 0;
+    // Joined files: their names, empty for a file alone; the file the input is on; and the
+    // bytes of all of them.
+    QStringList joinedFiles;
+    int currentFile = 0;
+    quint64 joinedSize = 0;
 
 private:
     RunResult run(const QString &fileName, ReportSink &sink);
+    // The elements of the input from begin to its end.
+    void walkElements(qint64 begin);
     // Where a sample of the stream goes, with the streams before it begun and ended; null
     // when its samples are not wanted.
     ReportSink *sampleOutputFor(uint stream);

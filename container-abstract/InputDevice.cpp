@@ -22,6 +22,7 @@ bool InputDevice::openFile(const QString &fileName, QString *error)
     else if (info.isDir())
         problem = QStringLiteral("is a directory");
     else {
+        file.close();
         file.setFileName(fileName);
         if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
             problem = file.errorString();

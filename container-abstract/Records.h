@@ -24,6 +24,11 @@ struct TrackFacts {
     quint64 duration = 0;  // in the track's time units
     QString language;
     QString sampleEntry; // the type of the first sample entry, such as "avc1"
+    // The codecs string of that entry, as manifests and MIME types name the stream by, such
+    // as "avc1.64001F": its type and what its configuration tells of the profile and level.
+    QString codecs;
+    // Of a package read from its manifest: the representation (or variant) of the stream.
+    QString representation;
     // Of an audio sample entry; 0 for others.
     quint32 channelCount = 0;
     quint32 sampleRate = 0;
@@ -82,6 +87,8 @@ struct TrackSample {
     qint64 compositionEntry = -1;
     // A sample of a movie fragment has an origin there instead.
     std::optional<FragmentOrigin> fragment;
+    // Of joined files: the file the sample lies in, counted from 0; -1 for a file alone.
+    int file = -1;
 };
 
 // A run of an item's bytes.

@@ -10,6 +10,8 @@ void ReportSink::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
                                   quint32(sample.pts), sample.duration, sample.keyFrame ? 1u : 0u});
 }
 
+void ReportSink::addJoinedFile(const QString &, quint64) {}
+
 void ReportSink::setFileFacts(const FileFacts &) {}
 
 void ReportSink::addItem(const Item &) {}

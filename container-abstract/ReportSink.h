@@ -37,6 +37,11 @@ public:
     virtual void addRawField(quint64 offset, quint64 size, const quint8 *data, const QString &name,
                              const QString &comment) = 0;
 
+    // Joined files: a file of the presentation, before the element that holds its elements;
+    // the files are counted from 0 in the order of these calls. Sinks that report files
+    // alone take no notice.
+    virtual void addJoinedFile(const QString &fileName, quint64 fileSize);
+
     // What the file tells of itself, after the element tree and before the streams. Sinks
     // that do not summarize files take no notice.
     virtual void setFileFacts(const FileFacts &facts);

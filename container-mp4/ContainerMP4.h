@@ -80,6 +80,9 @@ protected:
     int parseElement(quint64 *size) override;
     void prepareParsing() override;
     void finalizeParsing() override;
+    // Deep analysis joins files: the tracks of the first go on in the fragments of the others.
+    bool canJoinFiles() const override { return deepAnalysis; }
+    void continueWithFile(int file) override;
 
     // File-level payloads
     int parseValueString(quint64 length);

@@ -4,6 +4,7 @@
 
 #include "CheckingSink.h"
 #include "ContainerMP4.h"
+#include "Manifest.h"
 
 #include <QByteArray>
 
@@ -24,6 +25,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // No copy: a read past the input's end then runs into the fuzzer's own guard.
     const QByteArray input =
         QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size));
+    // Manifests of packages: an MPD, or a playlist of HLS. No segment is named more often
+    // than the readers allow.
+    if (input.startsWith('<') || input.startsWith('#')) {
+        const Manifest::Package package = input.startsWith('<')
+                                              ? Manifest::readMpd(input)
+                                              : Manifest::readPlaylist(input, "fuzz.m3u8");
+        size_t segments = 0;
+        for (const Manifest::Representation &representation : package.representations)
+            segments += representation.segments.size();
+        if (segments > Manifest::MaxSegments) {
+            std::fprintf(stderr, "%zu segments named\n", segments);
+            std::abort();
+        }
+        return 0;
+    }
     // The settings vary with the input's size, so that every base, the unknown-data options,
     // deep analysis and the checks are exercised without taking bytes away from the file.
     ContainerAbstract::Settings settings;

@@ -189,3 +189,28 @@ write compressed-movie.mov "$ftyp_qt$(box moov "$(box cmov "$(box dcom "$(str zl
 data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
 cp "$data/image-two.heic" "$out/images-with-thumbnails.heic"
 cp "$data/image-grid.avif" "$out/image-grid.avif"
+# Manifests of packages: an MPD with a template, a timeline, a list and a segment base, a
+# multivariant playlist and a media playlist with byte ranges.
+cat >"$out/package.mpd" <<'MPD'
+<?xml version="1.0"?>
+<MPD mediaPresentationDuration="PT1.2S"><BaseURL>media/</BaseURL><Period id="p" start="PT0S">
+<AdaptationSet segmentAlignment="true" startWithSAP="1" codecs="avc1.4d400a">
+<SegmentTemplate timescale="10240" initialization="init-$RepresentationID$.m4s"
+ media="$RepresentationID$-$Number%05d$-$Time$-$Bandwidth$.m4s" startNumber="1">
+<SegmentTimeline><S t="0" d="4096" r="1"/><S d="2048" r="-1"/><S t="20000" d="10"/>
+</SegmentTimeline></SegmentTemplate>
+<Representation id="v" bandwidth="13880"/>
+<Representation id="w" bandwidth="8000"><SegmentTemplate duration="4096"
+ media="$$$Number$.m4s"/></Representation></AdaptationSet>
+<AdaptationSet><Representation id="a"><SegmentList timescale="8000" duration="3072">
+<Initialization sourceURL="a-init.mp4" range="0-99"/><SegmentURL media="a1.m4s"/>
+<SegmentURL mediaRange="100-199"/></SegmentList></Representation>
+<Representation id="b"><BaseURL>b.mp4</BaseURL><SegmentBase indexRange="800-899">
+<Initialization range="0-799"/></SegmentBase></Representation></AdaptationSet></Period></MPD>
+MPD
+printf '%s\n' '#EXTM3U' '#EXT-X-STREAM-INF:BANDWIDTH=800,CODECS="avc1.4d400a,mp4a.40.2"' \
+    'video/media.m3u8' '#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",URI="audio.m3u8"' \
+    >"$out/multivariant.m3u8"
+printf '%s\n' '#EXTM3U' '#EXT-X-VERSION:7' '#EXT-X-MAP:URI="all.mp4",BYTERANGE="700@0"' \
+    '#EXTINF:0.4,' '#EXT-X-BYTERANGE:300@700' 'all.mp4' '#EXTINF:0.4,' '#EXT-X-BYTERANGE:200' \
+    'all.mp4' '#EXTINF:0.4,' 'part2.m4s' '#EXT-X-ENDLIST' >"$out/media.m3u8"

@@ -41,6 +41,15 @@ const QList<OptionRow> &optionRows()
          "list the samples of every track with their composition\n"
          "and presentation times, and take the whole family of\n"
          "suffixes (mov, m4a, 3gp, ...) and files by content"},
+        {{"join"},
+         {},
+         "read the files as one presentation, in the order given:\n"
+         "an initialization segment (or a whole file with its\n"
+         "movie), then media segments; implies --deep"},
+        {{"allow-outside"},
+         {},
+         "manifests (.mpd, .m3u8, read with --deep or --join): read\n"
+         "segments whose path leaves the manifest's folder"},
         {{"check"},
          {},
          "check the files: list what is wrong with each, with codes,\n"
@@ -166,6 +175,10 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     options->showSamples = parser.isSet(QStringLiteral("samples"));
     options->settings.deepAnalysis = parser.isSet(QStringLiteral("deep"));
     options->settings.checkProblems = parser.isSet(QStringLiteral("check"));
+    options->join = parser.isSet(QStringLiteral("join"));
+    options->allowOutside = parser.isSet(QStringLiteral("allow-outside"));
+    if (options->join)
+        options->settings.deepAnalysis = true;
     if (parser.isSet(QStringLiteral("no-unknown-data")))
         options->settings.showUnknownData = false;
     if (parser.isSet(QStringLiteral("format")) &&
@@ -202,6 +215,11 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     if (options->serve &&
         (parser.isSet(QStringLiteral("format")) || parser.isSet(QStringLiteral("output")))) {
         *error = QStringLiteral("--serve writes no report: --format and --output do not apply");
+        return false;
+    }
+    // The page and the server show the bytes of one file per report.
+    if (options->join && (options->serve || options->format == Options::Format::Html)) {
+        *error = QStringLiteral("--join: not with --serve or --format html");
         return false;
     }
 

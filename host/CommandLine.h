@@ -12,10 +12,12 @@ struct Options {
     Format format = Format::Text;
     bool showSamples = false;
     ContainerAbstract::Settings settings;
-    QString pluginDir;  // empty: PluginLoader::defaultDirectory()
-    QString outputFile; // empty: standard output
-    bool serve = false; // serve the interactive page instead of writing a report
-    quint16 port = 0;   // of the server; 0: a free one
+    QString pluginDir;         // empty: PluginLoader::defaultDirectory()
+    QString outputFile;        // empty: standard output
+    bool join = false;         // the files as one presentation
+    bool allowOutside = false; // manifests: read segments outside the manifest's folder
+    bool serve = false;        // serve the interactive page instead of writing a report
+    quint16 port = 0;          // of the server; 0: a free one
     QStringList files;
     bool help = false;
     bool version = false;

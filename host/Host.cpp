@@ -4,6 +4,8 @@
 #include "HtmlWriter.h"
 #include "InputDevice.h"
 #include "JsonWriter.h"
+#include "Manifest.h"
+#include "PackageReport.h"
 #include "PluginLoader.h"
 #include "ServeIndex.h"
 #include "Server.h"
@@ -50,6 +52,9 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
         writer.reportError(fileName, problem);
         return ExitFileFailed;
     }
+    // Deep analysis reads the manifest of a package and the files it names.
+    if (options.settings.deepAnalysis && Manifest::isManifestName(fileName))
+        return reportManifest(fileName, plugins, options, writer, err, errors);
 
     for (const auto &plugin : plugins) {
         std::unique_ptr<ContainerAbstract> parser(plugin.createParser());
@@ -84,6 +89,43 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
     }
     fileMessage(err, fileName, problem);
     writer.reportError(fileName, problem);
+    return ExitNotTaken;
+}
+
+// Reports the files as one presentation with the first plugin that joins them; returns the
+// status as reportFile does.
+int reportJoined(const QStringList &fileNames, const std::vector<PluginLoader::Plugin> &plugins,
+                 const Options &options, ReportWriter &writer, FILE *err, bool *errors)
+{
+    QString problem;
+    for (const QString &fileName : fileNames) {
+        if (!InputDevice().openFile(fileName, &problem)) {
+            fileMessage(err, fileName, problem);
+            writer.reportError(fileName, problem);
+            return ExitFileFailed;
+        }
+    }
+    for (const auto &plugin : plugins) {
+        std::unique_ptr<ContainerAbstract> parser(plugin.createParser());
+        if (!parser)
+            continue;
+        parser->configure(options.settings);
+        writer.setContainerName(plugin.name);
+        switch (parser->parseJoined(fileNames, writer, &problem)) {
+        case ContainerAbstract::RunNotThisFormat:
+            continue;
+        case ContainerAbstract::RunOpenFailed:
+            message(err, problem);
+            writer.reportError(fileNames.first(), problem);
+            return ExitFileFailed;
+        case ContainerAbstract::RunOk:
+            *errors = *errors || parser->problemCounts().errors > 0;
+            return ExitOk;
+        }
+    }
+    problem = QStringLiteral("no container plugin joins these files");
+    fileMessage(err, fileNames.first(), problem);
+    writer.reportError(fileNames.first(), problem);
     return ExitNotTaken;
 }
 
@@ -176,9 +218,12 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
 
     int status = ExitOk;
     bool errors = false;
-    for (const QString &fileName : options.files)
-        status =
-            qMax(status, reportFile(fileName, loader.plugins(), options, *writer, err, &errors));
+    if (options.join)
+        status = reportJoined(options.files, loader.plugins(), options, *writer, err, &errors);
+    else
+        for (const QString &fileName : options.files)
+            status = qMax(status,
+                          reportFile(fileName, loader.plugins(), options, *writer, err, &errors));
     // Problems of the files tell their status only when nothing worse went wrong.
     if (status == ExitOk && errors)
         status = ExitProblems;

@@ -324,8 +324,29 @@ void JsonWriter::leaveElements()
         return;
     while (depth > 0)
         endElement();
-    out.appendLiteral("],\"streams\":[");
+    out.put(']');
+    if (!joinedFiles.empty()) {
+        out.appendLiteral(",\"files\":[");
+        for (const auto &[fileName, fileSize] : joinedFiles) {
+            if (&fileName != &joinedFiles.front().first)
+                out.put(',');
+            out.appendLiteral("{\"file\":");
+            string(fileName);
+            out.appendLiteral(",\"fileSize\":");
+            out.appendUnsigned(fileSize);
+            out.put('}');
+        }
+        out.put(']');
+        joinedFiles.clear();
+    }
+    out.appendLiteral(",\"streams\":[");
     inElements = false;
+}
+
+void JsonWriter::addJoinedFile(const QString &fileName, quint64 fileSize)
+{
+    if (inElements)
+        joinedFiles.emplace_back(fileName, fileSize);
 }
 
 void JsonWriter::beginStream(int index, const StreamInfo &info)
@@ -408,6 +429,12 @@ void JsonWriter::writeTrackFacts(const StreamInfo &info)
     string(facts.language);
     out.appendLiteral(",\"sampleEntry\":");
     string(facts.sampleEntry);
+    out.appendLiteral(",\"codecs\":");
+    string(facts.codecs);
+    if (!facts.representation.isEmpty()) {
+        out.appendLiteral(",\"representation\":");
+        string(facts.representation);
+    }
     if (facts.channelCount != 0) {
         out.appendLiteral(",\"channelCount\":");
         out.appendUnsigned(facts.channelCount);
@@ -438,6 +465,10 @@ void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
     out.appendLiteral(sample.keyFrame ? ",\"keyFrame\":1" : ",\"keyFrame\":0");
     out.appendLiteral(",\"presentationTime\":");
     optionalNumber(sample.presentationTime);
+    if (sample.file >= 0) {
+        out.appendLiteral(",\"file\":");
+        out.appendSigned(sample.file);
+    }
     if (const std::optional<FragmentOrigin> &origin = sample.fragment) {
         out.appendLiteral(",\"moof\":");
         out.appendUnsigned(origin->moof);

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 // Writes each report as one JSON object on one line: the file, its element tree and its
@@ -60,6 +61,7 @@ public:
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
     void addItem(const Item &item) override;
+    void addJoinedFile(const QString &fileName, quint64 fileSize) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
 
@@ -116,4 +118,6 @@ private:
     bool inProblems = false;
     bool hasProblems = false;
     bool listsClosed = false;
+    // Joined files, for the list behind the elements.
+    std::vector<std::pair<QString, quint64>> joinedFiles;
 };

@@ -76,6 +76,7 @@ void SummaryWriter::beginStream(int index, const StreamInfo &info)
     if (info.track) {
         stream.deep = true;
         stream.sampleEntry = info.track->sampleEntry;
+        stream.codecs = info.track->codecs;
     }
     streams.push_back(stream);
 }
@@ -144,6 +145,8 @@ void SummaryWriter::writeSummary()
         if (stream.deep) {
             out.appendLiteral(",\"sampleEntry\":");
             string(stream.sampleEntry);
+            out.appendLiteral(",\"codecs\":");
+            string(stream.codecs);
         }
         out.appendLiteral(",\"samples\":");
         out.appendUnsigned(stream.samples);

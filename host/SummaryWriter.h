@@ -42,6 +42,7 @@ private:
         QString handlerType;
         QString codecName;
         QString sampleEntry; // of deep analysis only
+        QString codecs;      // the same
         bool deep = false;
         quint64 samples = 0;
     };

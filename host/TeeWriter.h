@@ -109,6 +109,11 @@ public:
         for (ReportSink *sink : sinks)
             sink->addItem(item);
     }
+    void addJoinedFile(const QString &fileName, quint64 fileSize) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->addJoinedFile(fileName, fileSize);
+    }
     void addProblem(const Problem &problem) override
     {
         for (ReportSink *sink : sinks)

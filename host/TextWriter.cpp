@@ -415,6 +415,14 @@ void TextWriter::writeTrackFacts(const StreamInfo &info)
         out.appendUnsigned(facts.sampleRate);
         out.appendLiteral(" Hz");
     }
+    if (!facts.codecs.isEmpty()) {
+        out.appendLiteral(", codecs ");
+        text(facts.codecs);
+    }
+    if (!facts.representation.isEmpty()) {
+        out.appendLiteral(", representation ");
+        text(facts.representation);
+    }
 }
 
 void TextWriter::writeSampleCount()
@@ -523,6 +531,10 @@ void TextWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
     else
         out.appendLiteral("chunk ");
     out.appendUnsigned(origin);
+    if (sample.file >= 0) {
+        out.appendLiteral(" file ");
+        out.appendSigned(sample.file);
+    }
     out.put('\n');
 }
 

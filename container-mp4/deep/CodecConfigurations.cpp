@@ -165,6 +165,37 @@ void noteConfiguration(PayloadReader &box)
     }
 }
 
+// The bits of a word in the opposite order.
+quint32 reversedBits(quint32 word)
+{
+    quint32 reversed = 0;
+    for (int i = 0; i < 32; ++i, word >>= 1)
+        reversed = reversed << 1 | (word & 1);
+    return reversed;
+}
+
+// The parameters of an HEVC codecs string from the 12 bytes of hvcC behind its version:
+// the profile space as a letter and the profile, the compatibility flags from the lowest
+// profile up in hex, the tier and level, then the constraint bytes up to the last one not 0.
+QString hevcCodecs(const unsigned char *bytes)
+{
+    QString text = QStringLiteral(".");
+    if (const int space = bytes[0] >> 6)
+        text += QChar(u'A' + space - 1);
+    text += QString::number(bytes[0] & 0x1F);
+    const quint32 flags =
+        quint32(bytes[1]) << 24 | quint32(bytes[2]) << 16 | quint32(bytes[3]) << 8 | bytes[4];
+    text += '.' + QString::number(reversedBits(flags), 16).toUpper();
+    text += (bytes[0] & 0x20) ? QStringLiteral(".H") : QStringLiteral(".L");
+    text += QString::number(bytes[11]);
+    int constraints = 6;
+    while (constraints > 0 && bytes[4 + constraints] == 0)
+        --constraints;
+    for (int i = 0; i < constraints; ++i)
+        text += QString::asprintf(".%02X", bytes[5 + i]);
+    return text;
+}
+
 // The bytes of a NAL unit behind its length of 2 bytes, the length with them: as far as
 // the payload holds them.
 quint64 unitSize(PayloadReader &box)
@@ -228,6 +259,8 @@ void avcParameterSet(PayloadReader &box, const QString &group, quint32 index,
 int parseAvcConfiguration(PayloadReader &box)
 {
     noteConfiguration(box);
+    if (box.available() >= 4)
+        box.setCodecs(QString::asprintf(".%06llX", box.peekUnsigned(3, 1)));
     box.u8("configuration_version");
     const quint8 profile =
         box.u8("avc_profile_indication", nameOf(AvcProfiles, box.peekUnsigned(1)));
@@ -264,6 +297,9 @@ int parseAvcConfiguration(PayloadReader &box)
 int parseHevcConfiguration(PayloadReader &box)
 {
     noteConfiguration(box);
+    unsigned char profile[12];
+    if (box.peek(profile, sizeof profile, 1))
+        box.setCodecs(hevcCodecs(profile));
     box.u8("configuration_version");
     const quint64 first = box.peekUnsigned(1);
     PayloadReader::Bits general = box.bits(1);
@@ -341,6 +377,12 @@ int parseAv1Configuration(PayloadReader &box)
                    level == 31 ? QStringLiteral("maximum parameters")
                                : levelText(2 + level / 4, level % 4));
     const quint64 format = box.peekUnsigned(1);
+    // Profile, level with the tier, and bit depth.
+    if (box.available() >= 1) {
+        const int depth = !(format & 0x40) ? 8 : (format & 0x20) ? 12 : 10;
+        box.setCodecs(QString::asprintf(".%llu.%02llu%c.%02d", profile >> 5, level,
+                                        (format & 0x80) ? 'H' : 'M', depth));
+    }
     PayloadReader::Bits color = box.bits(1);
     color.field("seq_tier_0", 1, nameOf(Tiers, format >> 7));
     color.flag("high_bitdepth");
@@ -366,6 +408,10 @@ int parseVpConfiguration(PayloadReader &box)
         box.rest();
         return ContainerAbstract::ParseOk;
     }
+    // Profile, level and bit depth.
+    if (box.available() >= 3)
+        box.setCodecs(QString::asprintf(".%02llu.%02llu.%02llu", box.peekUnsigned(1),
+                                        box.peekUnsigned(1, 1), box.peekUnsigned(1, 2) >> 4));
     box.u8("profile", nameOf(VpProfiles, box.peekUnsigned(1)));
     const quint64 level = box.peekUnsigned(1);
     box.u8("level", level == 0 ? QStringLiteral("not given") : levelText(level / 10, level % 10));

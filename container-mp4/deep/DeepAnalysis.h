@@ -31,6 +31,7 @@ struct FragmentWalk {
 class DeepAnalysis {
 public:
     quint64 moofCount = 0;
+    int file = 0; // of joined files, the one being walked
     std::optional<quint32> lastSequenceNumber; // of the last mfhd
     // From trex, by track_ID.
     std::map<quint32, SampleDefaults> trackDefaults;
@@ -42,4 +43,7 @@ public:
     QString movieCompression;
     // The items of the file's top-level meta box.
     ItemWalk items;
+    // The type the codecs string of a track begins with while the children of the track's
+    // first sample entry are walked, for its configuration box to complete; empty elsewhere.
+    QString codecsEntry;
 };

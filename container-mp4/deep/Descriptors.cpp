@@ -440,6 +440,7 @@ void decoderConfigDescriptor(PayloadReader &box, quint64 end, Context context)
     if (leftBefore(box, end) < 13)
         return;
     context.objectType = box.peekUnsigned(1);
+    box.setCodecs(QString::asprintf(".%02llX", context.objectType));
     box.u8("object_type_indication",
            QString::fromLatin1(objectTypeName(quint8(context.objectType))));
     // The object type tells the codec of an MPEG-4 entry more exactly than its type does.
@@ -461,6 +462,16 @@ void decoderConfigDescriptor(PayloadReader &box, quint64 end, Context context)
 
 void decoderSpecificInfo(PayloadReader &box, quint64 end, const Context &context)
 {
+    // The codecs string of MPEG-4 Audio adds the audio object type: 5 bits, or 31 and 6
+    // more; that of MPEG-4 Visual the profile and level of its visual object sequence.
+    const quint64 left = leftBefore(box, end);
+    const quint64 word = box.peekUnsigned(int(qMin<quint64>(left, 2))) << (left >= 2 ? 0 : 8);
+    if (context.objectType == 0x40 && left >= 1 && (word >> 11 != 31 || left >= 2)) {
+        const quint64 type = word >> 11 == 31 ? 32 + (word >> 5 & 0x3F) : word >> 11;
+        box.setCodecs(QStringLiteral(".40.%1").arg(type));
+    } else if (context.objectType == 0x20 && left >= 5 && box.peekUnsigned(4) == 0x1B0) {
+        box.setCodecs(QStringLiteral(".20.%1").arg(box.peekUnsigned(1, 4)));
+    }
     // MPEG-4 Audio and the AAC of MPEG-2 carry an AudioSpecificConfig.
     if (context.objectType == 0x40 || (context.objectType >= 0x66 && context.objectType <= 0x68))
         audioSpecificConfig(box, end);

@@ -252,6 +252,7 @@ int parseTrackRun(PayloadReader &box)
     run.origin.trun = walk.trunCount++;
     run.dataSize = dataSize;
     run.path = box.path();
+    run.file = box.deep()->file;
     walk.dataEnd = run.dataOffset + dataSize;
     if (TrackContext *track = box.track())
         track->runs.push_back(run);

@@ -537,6 +537,14 @@ TrackFacts *PayloadReader::facts() const
     return &*info->track;
 }
 
+void PayloadReader::setCodecs(const QString &parameters)
+{
+    if (!parser.deep || parser.deep->codecsEntry.isEmpty())
+        return;
+    if (TrackFacts *trackFacts = facts())
+        trackFacts->codecs = parser.deep->codecsEntry + parameters;
+}
+
 TrackContext *PayloadReader::track() const
 {
     if (!parser.deep)

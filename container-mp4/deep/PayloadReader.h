@@ -189,6 +189,9 @@ public:
     StreamInfo *stream() const;
     // The deep facts of that stream, made on first use.
     TrackFacts *facts() const;
+    // Sets the codecs string of the first sample entry whose children are being walked to its
+    // type followed by parameters, such as ".64001F"; nothing outside that entry.
+    void setCodecs(const QString &parameters);
     // What deep analysis gathers of that track, or of the track of the traf this box stands
     // in; null outside both.
     TrackContext *track() const;

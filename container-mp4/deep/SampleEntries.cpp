@@ -1,4 +1,5 @@
 #include "Codecs.h"
+#include "DeepAnalysis.h"
 #include "DeepRows.h"
 #include "PayloadReader.h"
 
@@ -56,6 +57,15 @@ QString originalFormat(PayloadReader &entry)
         end - ahead < 4 || !entry.peek(format, 4, ahead))
         return QString();
     return QString::fromLatin1(format, 4);
+}
+
+// The first part of the codecs string of a format: its type, in lower case for the types
+// that manifests name in lower case.
+QString codecsType(const QString &format)
+{
+    if (format == QLatin1String("Opus") || format == QLatin1String("fLaC"))
+        return format.toLower();
+    return format;
 }
 
 // A text that may be left out: read unless the bytes ahead begin a box instead.
@@ -310,13 +320,20 @@ int parseSampleEntry(PayloadReader &entry, const QString &handler, bool first, b
     if (kind.fields)
         kind.fields(entry, first);
 
+    // An encrypted entry stands for the format of its frma.
+    const bool encrypted = type == QLatin1String("encv") || type == QLatin1String("enca");
+    const QString format = facts && encrypted ? originalFormat(entry) : type;
     if (StreamInfo *stream = entry.stream(); stream && facts) {
-        const bool encrypted = type == QLatin1String("encv") || type == QLatin1String("enca");
-        if (const Codec *codec = deepCodecOf(encrypted ? originalFormat(entry) : type)) {
+        if (const Codec *codec = deepCodecOf(format)) {
             stream->codecId = codec->id;
             stream->codecName = QString::fromLatin1(codec->name);
         }
     }
+    // The codecs string is the format alone until a configuration box among the children
+    // adds its parameters.
+    const QString codecs = codecsType(format);
+    if (facts)
+        facts->codecs = codecs;
     // Behind the fields of a known kind, a tail too short for a box is padding, shown as its
     // bytes.
     if (kind.fields && entry.left() > 0 && entry.left() < 8 && entry.available() == entry.left())
@@ -325,7 +342,13 @@ int parseSampleEntry(PayloadReader &entry, const QString &handler, bool first, b
         entry.rest();
         return ContainerAbstract::ParseOk;
     }
-    return entry.walkChildrenOf(type);
+    DeepAnalysis *deep = entry.deep();
+    if (facts && deep)
+        deep->codecsEntry = codecs;
+    const int result = entry.walkChildrenOf(type);
+    if (deep)
+        deep->codecsEntry.clear();
+    return result;
 }
 
 // stsd: each entry is read within its size and the box. An entry of size 0, or of a size

@@ -230,6 +230,9 @@ struct TrackWalk {
                        const QString &message)>
         problem;
     const std::vector<TableBox> &mediaData; // the payloads of mdat, in file order
+    // Joined files: puts the input on a file of the presentation; null for a file alone,
+    // whose samples name no file.
+    std::function<bool(int file)> switchFile;
     quint64 index = 0;
     qint64 dts = 0; // of the next sample
 
@@ -257,6 +260,7 @@ struct TrackWalk {
         const bool everySampleSync = !track.syncSamples.present;
         const unsigned char *nextSync = syncNumbers.next();
         TrackSample sample;
+        sample.file = switchFile ? 0 : -1;
         for (quint64 chunk = 1; index < sizes.count() && samplesLeft > 0; ++chunk) {
             const unsigned char *chunkOffset = chunkOffsets.next();
             if (!chunkOffset)
@@ -305,8 +309,8 @@ struct TrackWalk {
         const quint64 end = run.dataOffset + run.dataSize;
         const auto inside =
             std::find_if(mediaData.begin(), mediaData.end(), [&](const TableBox &box) {
-                return run.dataOffset >= box.offset && end >= run.dataOffset &&
-                       end <= box.offset + box.size;
+                return box.file == run.file && run.dataOffset >= box.offset &&
+                       end >= run.dataOffset && end <= box.offset + box.size;
             });
         if (inside == mediaData.end())
             problem("trun-data-past-mdat", Severity::Error, run,
@@ -322,6 +326,11 @@ struct TrackWalk {
     {
         TrackSample sample;
         for (const FragmentRun &run : track.runs) {
+            if (switchFile) {
+                if (!switchFile(run.file))
+                    continue;
+                sample.file = run.file;
+            }
             checkRun(run);
             if (run.baseMediaDecodeTime)
                 dts = qint64(*run.baseMediaDecodeTime);
@@ -371,8 +380,10 @@ struct TrackWalk {
 void ContainerMP4::walkTrackSamples()
 {
     const quint32 movieTimescale = TrackBoxes::timescale(input, movieHeader);
-    quint64 samplesLeft = quint64(input.size());
+    quint64 samplesLeft = joinedFiles.isEmpty() ? quint64(input.size()) : joinedSize;
     for (int stream = 0; stream < streams.size(); ++stream) {
+        // The facts and the sample tables of joined files lie in the first.
+        switchToFile(0);
         enableSampleOutput(stream);
         const TrackContext &track = trackContexts[size_t(stream)];
         // The facts of the headers; a track known from its fragments only has its track_ID.
@@ -395,7 +406,10 @@ void ContainerMP4::walkTrackSamples()
                               const QString &message) {
                            noteProblem(code, severity, run.origin.moofOffset, 0, message, run.path);
                        },
-                       mediaDataBoxes};
+                       mediaDataBoxes,
+                       nullptr};
+        if (!joinedFiles.isEmpty())
+            walk.switchFile = [this](int file) { return switchToFile(file); };
         walk.walkTables();
         walk.walkFragments();
     }

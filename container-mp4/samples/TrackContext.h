@@ -20,6 +20,7 @@ struct TableBox {
     // Where the box lies: null for the input, else the inflated bytes of a compressed movie,
     // which the parser keeps to the end.
     InputDevice *source = nullptr;
+    int file = 0; // of joined files, the one the box lies in
 };
 
 // The device a noted box is read from: its own source, else the input.
@@ -52,6 +53,7 @@ struct FragmentRun {
     std::optional<quint64> baseMediaDecodeTime;
     quint64 dataSize = 0;  // the bytes of its samples' data
     FragmentOrigin origin; // trunEntry unused
+    int file = 0;          // of joined files, the one the run lies in
 };
 
 // What the walk notes of one track: where the boxes lie that tell its samples and its

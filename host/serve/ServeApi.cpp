@@ -207,6 +207,7 @@ void writeStream(QByteArray &out, const FileIndex::Stream &stream)
         object.number("duration", facts->duration);
         object.string("language", facts->language);
         object.string("sampleEntry", facts->sampleEntry);
+        object.string("codecs", facts->codecs);
         if (facts->channelCount != 0) {
             object.number("channelCount", facts->channelCount);
             object.number("sampleRate", facts->sampleRate);

@@ -46,7 +46,12 @@ runs = [["--format", "json", "--deep", *map(str, files)],
         ["--format", "json", "--check", *map(str, files)],
         ["--format", "json", "--check", "--deep", str(files[0]), *map(str, images)],
         ["--format", "json", "--deep", "--value-base", "16", str(files[0])],
-        ["--format", "json", *[str(f) for f in files if f.suffix == ".mp4"], "missing.mp4"]]
+        ["--format", "json", *[str(f) for f in files if f.suffix == ".mp4"], "missing.mp4"],
+        # Joined files, and packages read from their manifests.
+        ["--format", "json", "--join", "--check",
+         *map(str, sorted((data / "package-hls").glob("*.m*4*")))],
+        ["--format", "json", "--deep", "--check", str(data / "package-dash-timeline/package.mpd"),
+         str(data / "package-hls/package.m3u8")]]
 lines = [line for arguments in runs for line in documents(arguments).splitlines()]
 page = documents(["--format", "html", "--deep", str(files[0])])
 lines += re.findall(r'<script type="application/json" class="report">(.*?)</script>', page, re.S)

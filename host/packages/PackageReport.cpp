@@ -1,0 +1,420 @@
+#include "PackageReport.h"
+
+#include "CommandLine.h"
+#include "Host.h"
+#include "Manifest.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cmath>
+
+#include <map>
+#include <memory>
+#include <optional>
+
+namespace {
+
+// Problems a package keeps for the end of its report: beyond these only their count.
+constexpr size_t MaxProblems = 1000;
+
+// The problems of a package, held until every stream is written.
+struct Problems {
+    std::vector<Problem> list;
+    ProblemCounts counts;
+
+    void add(const char *code, Severity severity, const QString &path, const QString &message)
+    {
+        ++(severity == Severity::Error     ? counts.errors
+           : severity == Severity::Warning ? counts.warnings
+                                           : counts.infos);
+        if (list.size() < MaxProblems)
+            list.push_back({QString::fromLatin1(code), severity, 0, 0, path, message});
+    }
+};
+
+// A file of a representation: where it lies on disk, and the segment of the manifest it
+// holds (the first, where byte ranges of one file are several segments).
+struct SegmentFile {
+    QString path;
+    size_t segment = 0;
+    bool initialization = false;
+};
+
+// Whether codecs strings name the same thing: equal but for case, or one the other with
+// parameters left out behind a dot.
+bool sameCodecs(const QString &declared, const QString &built)
+{
+    const QString a = declared.trimmed().toLower();
+    const QString b = built.toLower();
+    return a == b || (b.startsWith(a) && b[a.size()] == '.') ||
+           (a.startsWith(b) && a[b.size()] == '.');
+}
+
+// Passes the streams of one representation's joined run on to the writer of the package: its
+// streams numbered behind those before, its samples naming the files in the package's list,
+// its facts naming the representation; the run's own report frame, elements and files are the
+// package's business and stay here. Checks the segments as the samples pass.
+class RepresentationSink : public ReportSink {
+public:
+    RepresentationSink(ReportSink &next, const Manifest::Representation &representation,
+                       const std::vector<SegmentFile> &files, int streamBase, int fileBase,
+                       bool checks, Problems &problems)
+        : next(next)
+        , representation(representation)
+        , files(files)
+        , streamBase(streamBase)
+        , fileBase(fileBase)
+        , checks(checks)
+        , problems(problems)
+    {
+    }
+
+    int streamCount = 0;
+
+    void beginReport(const QString &, quint64) override {}
+    void endReport() override {}
+    void beginElement(quint64, quint64, const QString &, qint64) override {}
+    void setElementOffset(quint64) override {}
+    void setElementSize(quint64) override {}
+    void setElementNote(const QString &) override {}
+    void setElementValue(const QString &) override {}
+    void endElement() override {}
+    void addField(bool, quint64, quint8, quint64, const QString &, const QString &, const QString &,
+                  const QString &, qint64) override
+    {
+    }
+    void addRawField(quint64, quint64, const quint8 *, const QString &, const QString &) override {}
+
+    void beginStream(int index, const StreamInfo &info) override
+    {
+        StreamInfo named = info;
+        if (named.track)
+            named.track->representation = representation.id;
+        stream = Stream();
+        stream.timescale = info.track ? info.track->timescale : 0;
+        stream.codecs = info.track ? info.track->codecs : QString();
+        streamCount = qMax(streamCount, index + 1);
+        next.beginStream(streamBase + index, named);
+    }
+    void addSample(quint64 sampleIndex, const Sample &sample) override
+    {
+        next.addSample(sampleIndex, sample);
+    }
+    void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override
+    {
+        if (checks)
+            checkSample(sample);
+        TrackSample numbered = sample;
+        if (numbered.file >= 0)
+            numbered.file += fileBase;
+        next.addTrackSample(sampleIndex, numbered);
+    }
+    void endStream() override
+    {
+        if (checks) {
+            endSegment();
+            checkCodecs();
+        }
+        next.endStream();
+    }
+    void addProblem(const Problem &problem) override
+    {
+        ++(problem.severity == Severity::Error     ? problems.counts.errors
+           : problem.severity == Severity::Warning ? problems.counts.warnings
+                                                   : problems.counts.infos);
+        if (problems.list.size() < MaxProblems)
+            problems.list.push_back(problem);
+    }
+
+private:
+    struct Stream {
+        quint32 timescale = 0;
+        QString codecs;
+        int file = -1;      // of the segment being passed
+        qint64 nextDts = 0; // the end of the samples so far
+        quint64 segmentDuration = 0;
+        quint32 longestSample = 0;
+    };
+
+    QString where(int file) const
+    {
+        return QStringLiteral("%1: %2").arg(representation.id, files[size_t(file)].path);
+    }
+
+    // Each segment file begins where the one before ended, with a sync sample where the
+    // manifest promises one, and lasts as long as the manifest declares.
+    void checkSample(const TrackSample &sample)
+    {
+        if (sample.file < 0 || size_t(sample.file) >= files.size())
+            return;
+        if (sample.file != stream.file) {
+            if (stream.file >= 0) {
+                endSegment();
+                if (sample.dts > stream.nextDts)
+                    problems.add("timeline-gap", Severity::Error, where(sample.file),
+                                 QStringLiteral("the segment's first sample decodes at %1, after "
+                                                "the samples before it end at %2")
+                                     .arg(sample.dts)
+                                     .arg(stream.nextDts));
+                else if (sample.dts < stream.nextDts)
+                    problems.add("timeline-overlap", Severity::Error, where(sample.file),
+                                 QStringLiteral("the segment's first sample decodes at %1, before "
+                                                "the samples before it end at %2")
+                                     .arg(sample.dts)
+                                     .arg(stream.nextDts));
+            }
+            if (representation.startsWithSap && !sample.keyFrame &&
+                !files[size_t(sample.file)].initialization)
+                problems.add("segment-not-sap", Severity::Error, where(sample.file),
+                             QStringLiteral("the segment's first sample is not a sync sample"));
+            stream.file = sample.file;
+            stream.segmentDuration = 0;
+        }
+        stream.nextDts = sample.dts + sample.duration;
+        stream.segmentDuration += sample.duration;
+        stream.longestSample = qMax(stream.longestSample, sample.duration);
+    }
+
+    // The samples of a segment file against the duration the manifest declares for it.
+    void endSegment()
+    {
+        if (stream.file < 0 || stream.timescale == 0)
+            return;
+        const SegmentFile &file = files[size_t(stream.file)];
+        if (file.initialization || file.segment >= representation.segments.size())
+            return;
+        const Manifest::Segment &segment = representation.segments[file.segment];
+        // The last segment may end short of its declared duration.
+        if (!segment.duration || file.segment + 1 == representation.segments.size())
+            return;
+        const double declared =
+            double(*segment.duration) / double(representation.timescale) * stream.timescale;
+        const double actual = double(stream.segmentDuration);
+        if (std::abs(declared - actual) > double(stream.longestSample))
+            problems.add("segment-duration-mismatch", Severity::Warning, where(stream.file),
+                         QStringLiteral("the segment's samples last %1 time units of %2 per "
+                                        "second; the manifest declares %3")
+                             .arg(stream.segmentDuration)
+                             .arg(stream.timescale)
+                             .arg(qint64(declared)));
+    }
+
+    void checkCodecs()
+    {
+        if (representation.codecs.isEmpty() || stream.codecs.isEmpty())
+            return;
+        for (const QString &declared : representation.codecs.split(',')) {
+            if (sameCodecs(declared, stream.codecs))
+                return;
+        }
+        problems.add("codecs-mismatch", Severity::Error, representation.id,
+                     QStringLiteral("the manifest declares codecs \"%1\"; the sample entry is %2")
+                         .arg(representation.codecs, stream.codecs));
+    }
+
+    ReportSink &next;
+    const Manifest::Representation &representation;
+    const std::vector<SegmentFile> &files;
+    int streamBase;
+    int fileBase;
+    bool checks;
+    Problems &problems;
+    Stream stream;
+};
+
+// Reads a manifest or playlist of at most the longest a manifest may be.
+bool readManifestFile(const QString &path, QByteArray *bytes, QString *problem)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *problem = file.errorString();
+        return false;
+    }
+    if (file.size() > Manifest::MaxManifestBytes) {
+        *problem = QStringLiteral("%1 bytes; a manifest of more than %2 bytes is not read")
+                       .arg(file.size())
+                       .arg(Manifest::MaxManifestBytes);
+        return false;
+    }
+    *bytes = file.readAll();
+    return true;
+}
+
+// Where the manifest's folder puts a URI of it: a path on disk, or empty, with a problem,
+// for a URL, an absolute path or one leaving the folder (through ".." or a link).
+QString resolve(const QDir &folder, const QString &uri, bool allowOutside, Problems &problems)
+{
+    if (uri.contains(QLatin1String("://")) || uri.startsWith(QLatin1String("data:"))) {
+        problems.add("segment-not-local", Severity::Error, uri,
+                     QStringLiteral("the manifest names a URL; nothing is fetched"));
+        return QString();
+    }
+    const QString path = QDir::cleanPath(folder.filePath(uri));
+    if (!allowOutside) {
+        const QString canonical = QFileInfo(path).canonicalFilePath();
+        const bool outside =
+            QDir::isAbsolutePath(uri) || !path.startsWith(folder.absolutePath() + '/') ||
+            (!canonical.isEmpty() && !canonical.startsWith(folder.canonicalPath() + '/'));
+        if (outside) {
+            problems.add("segment-outside", Severity::Error, uri,
+                         QStringLiteral("the path leaves the manifest's folder; it is read only "
+                                        "with --allow-outside"));
+            return QString();
+        }
+    }
+    return path;
+}
+
+// The manifest's declarations as elements, for the tree of the report.
+void writeManifestTree(ReportSink &sink, const QString &name, quint64 size,
+                       const std::vector<Manifest::Representation> &representations)
+{
+    const auto field = [&sink](const char *key, const QString &value) {
+        sink.addField(false, 0, 0, 0, QString::fromLatin1(key), value, QString(), QString(), -1);
+    };
+    const auto segment = [&](const char *kind, const Manifest::Segment &declared, qint64 index) {
+        sink.beginElement(0, 0, QString::fromLatin1(kind), index);
+        field("uri", declared.uri);
+        if (declared.rangeStart) {
+            field("range_start", QString::number(*declared.rangeStart));
+            field("range_length", QString::number(declared.rangeLength));
+        }
+        if (declared.time)
+            field("time", QString::number(*declared.time));
+        if (declared.duration)
+            field("duration", QString::number(*declared.duration));
+        sink.endElement();
+    };
+    sink.beginElement(0, size, name, -1);
+    for (size_t i = 0; i < representations.size(); ++i) {
+        const Manifest::Representation &representation = representations[i];
+        sink.beginElement(0, 0, QStringLiteral("representation"), qint64(i));
+        field("id", representation.id);
+        if (!representation.period.isEmpty()) {
+            field("period", representation.period);
+            field("adaptation_set", representation.adaptationSet);
+        }
+        field("codecs", representation.codecs);
+        field("bandwidth", QString::number(representation.bandwidth));
+        field("timescale", QString::number(representation.timescale));
+        if (representation.initialization)
+            segment("initialization", *representation.initialization, -1);
+        if (representation.index)
+            segment("index", *representation.index, -1);
+        for (size_t k = 0; k < representation.segments.size(); ++k)
+            segment("segment", representation.segments[k], qint64(k));
+        sink.endElement();
+    }
+    sink.endElement();
+}
+
+} // namespace
+
+int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plugin> &plugins,
+                   const Options &options, ReportWriter &writer, FILE *err, bool *errors)
+{
+    QString problem;
+    QByteArray bytes;
+    if (!readManifestFile(fileName, &bytes, &problem)) {
+        std::fprintf(err, "sarvelinth: %s: %s\n", fileName.toUtf8().constData(),
+                     problem.toUtf8().constData());
+        writer.reportError(fileName, problem);
+        return ExitFileFailed;
+    }
+    const QDir folder = QFileInfo(fileName).absoluteDir();
+    const bool dash = QFileInfo(fileName).suffix().toLower() == QLatin1String("mpd");
+    Manifest::Package package = dash
+                                    ? Manifest::readMpd(bytes)
+                                    : Manifest::readPlaylist(bytes, QFileInfo(fileName).fileName());
+    Problems problems;
+    // The media playlists of a multivariant playlist, each read once, none of them further.
+    for (const auto &[uri, variant] : package.playlists) {
+        const QString path = resolve(folder, uri, options.allowOutside, problems);
+        QByteArray media;
+        if (path.isEmpty() || QFileInfo(path) == QFileInfo(fileName))
+            continue;
+        if (!readManifestFile(path, &media, &problem)) {
+            problems.add("segment-missing", Severity::Error, uri, problem);
+            continue;
+        }
+        Manifest::Package inner = Manifest::readPlaylist(media, uri);
+        for (Manifest::Representation &representation : inner.representations) {
+            representation.id = variant.id;
+            representation.codecs = variant.codecs;
+            representation.bandwidth = variant.bandwidth;
+            // Its segments are relative to its own folder.
+            const QString base = uri.left(uri.lastIndexOf('/') + 1);
+            if (representation.initialization)
+                representation.initialization->uri.prepend(base);
+            for (Manifest::Segment &segment : representation.segments)
+                segment.uri.prepend(base);
+            package.representations.push_back(std::move(representation));
+        }
+        for (const Manifest::Problem &found : inner.problems)
+            problems.add(found.code.toLatin1().constData(), Severity::Error, uri, found.message);
+    }
+    for (const Manifest::Problem &found : package.problems)
+        problems.add(found.code.toLatin1().constData(), Severity::Error, fileName, found.message);
+
+    // The files of each representation in order; a file that holds several segments in byte
+    // ranges is read once.
+    std::vector<std::vector<SegmentFile>> files(package.representations.size());
+    for (size_t i = 0; i < package.representations.size(); ++i) {
+        const Manifest::Representation &representation = package.representations[i];
+        const auto add = [&](const Manifest::Segment &segment, size_t index, bool init) {
+            const QString path = resolve(folder, segment.uri, options.allowOutside, problems);
+            if (path.isEmpty() || (!files[i].empty() && files[i].back().path == path))
+                return;
+            if (!QFileInfo(path).isFile()) {
+                problems.add("segment-missing", Severity::Error, segment.uri,
+                             QStringLiteral("the segment named by representation %1 is not on "
+                                            "disk")
+                                 .arg(representation.id));
+                return;
+            }
+            files[i].push_back({path, index, init});
+        };
+        if (representation.initialization)
+            add(*representation.initialization, 0, true);
+        for (size_t k = 0; k < representation.segments.size(); ++k)
+            add(representation.segments[k], k, false);
+    }
+
+    writer.setContainerName(dash ? QStringLiteral("DASH") : QStringLiteral("HLS"));
+    writer.beginReport(fileName, quint64(bytes.size()));
+    writeManifestTree(writer, QFileInfo(fileName).fileName(), quint64(bytes.size()),
+                      package.representations);
+    for (const std::vector<SegmentFile> &representationFiles : files) {
+        for (const SegmentFile &file : representationFiles)
+            writer.addJoinedFile(QDir(folder).relativeFilePath(file.path),
+                                 quint64(QFileInfo(file.path).size()));
+    }
+    int streamBase = 0;
+    int fileBase = 0;
+    ContainerAbstract::Settings settings = options.settings;
+    settings.deepAnalysis = true;
+    for (size_t i = 0; i < package.representations.size(); ++i) {
+        QStringList paths;
+        for (const SegmentFile &file : files[i])
+            paths << file.path;
+        RepresentationSink sink(writer, package.representations[i], files[i], streamBase, fileBase,
+                                settings.checkProblems, problems);
+        for (size_t k = 0; k < plugins.size() && !paths.isEmpty(); ++k) {
+            std::unique_ptr<ContainerAbstract> parser(plugins[k].createParser());
+            if (!parser)
+                continue;
+            parser->configure(settings);
+            if (parser->parseJoined(paths, sink, &problem) != ContainerAbstract::RunNotThisFormat)
+                break;
+        }
+        streamBase += sink.streamCount;
+        fileBase += int(files[i].size());
+    }
+    for (const Problem &found : problems.list)
+        writer.addProblem(found);
+    writer.endReport();
+    *errors = *errors || problems.counts.errors > 0;
+    return ExitOk;
+}

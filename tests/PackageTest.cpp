@@ -1,0 +1,364 @@
+// Packages read from their manifest with --deep: the DASH and HLS packages FFmpeg made
+// (tests/data/make-package-files.sh) against ffprobe, damaged copies of them against the
+// codes of the package checks, and hostile manifests against their bounds.
+
+#include "Manifest.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtEndian>
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+namespace {
+
+const QDir Data(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data"));
+
+QByteArray runTool(const QStringList &arguments, const QString &dir)
+{
+    const QString bin =
+        QFileInfo(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()).path();
+    QProcess process;
+    process.setWorkingDirectory(dir);
+    process.start(bin + QStringLiteral("/sarvelinth"), arguments);
+    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit)
+        return {};
+    return process.readAllStandardOutput();
+}
+
+QJsonObject reportOf(const QString &manifest, const QStringList &options = {})
+{
+    const QFileInfo info(manifest);
+    return QJsonDocument::fromJson(runTool(QStringList{"--deep", "--format=json"} + options +
+                                               QStringList{info.fileName()},
+                                           info.path()))
+        .object();
+}
+
+// The packets ffprobe reads in a representation's files put end to end, stream after stream,
+// one line each: the file the packet lies in, its offset there, size, key frame, pts - dts
+// and the step of its dts.
+QString packetsOfFfprobe(const QDir &folder, const QStringList &files)
+{
+    QTemporaryDir temporary;
+    QFile whole(temporary.filePath(QStringLiteral("whole.mp4")));
+    if (!temporary.isValid() || !whole.open(QIODevice::WriteOnly))
+        return QStringLiteral("no temporary file");
+    QList<qint64> starts;
+    for (const QString &name : files) {
+        QFile part(folder.filePath(name));
+        if (!part.open(QIODevice::ReadOnly))
+            return QStringLiteral("no file ") + name;
+        starts << whole.pos();
+        whole.write(part.readAll());
+    }
+    whole.close();
+    QProcess ffprobe;
+    ffprobe.start(QStringLiteral("ffprobe"),
+                  {"-v", "error", "-show_entries", "packet=stream_index,pos,size,flags,pts,dts",
+                   "-of", "json", whole.fileName()});
+    if (!ffprobe.waitForFinished(30000) || ffprobe.exitCode() != 0)
+        return QStringLiteral("ffprobe failed");
+    const QJsonArray packets = QJsonDocument::fromJson(ffprobe.readAllStandardOutput())
+                                   .object()
+                                   .value("packets")
+                                   .toArray();
+    QMap<int, QString> streams;
+    QMap<int, qint64> lastDts;
+    for (const QJsonValue &value : packets) {
+        const QJsonObject packet = value.toObject();
+        const int stream = packet.value("stream_index").toInt();
+        const qint64 pos = packet.value("pos").toString().toLongLong();
+        int file = 0;
+        while (file + 1 < starts.size() && starts[file + 1] <= pos)
+            ++file;
+        const qint64 dts = packet.value("dts").toInteger();
+        streams[stream] += QStringLiteral("%1 %2 %3 %4 %5 %6\n")
+                               .arg(files[file])
+                               .arg(pos - starts[file])
+                               .arg(packet.value("size").toString())
+                               .arg(packet.value("flags").toString().startsWith('K') ? 1 : 0)
+                               .arg(packet.value("pts").toInteger() - dts)
+                               .arg(dts - lastDts.value(stream, dts));
+        lastDts[stream] = dts;
+    }
+    return QStringList(streams.values()).join(QString());
+}
+
+// The same lines from the streams of a report, each sample's file by its name in "files".
+QString samplesOf(const QJsonObject &report)
+{
+    const QJsonArray files = report.value("files").toArray();
+    QString lines;
+    for (const QJsonValue &stream : report.value("streams").toArray()) {
+        const QJsonArray samples = stream["samples"].toArray();
+        qint64 shift = 0;
+        for (const QJsonValue &sample : samples)
+            shift = qMax(shift, sample["dts"].toInteger() - sample["pts"].toInteger());
+        for (int i = 0; i < samples.size(); ++i) {
+            const QJsonValue sample = samples[i];
+            const qint64 dts = sample["dts"].toInteger();
+            lines += QStringLiteral("%1 %2 %3 %4 %5 %6\n")
+                         .arg(files[sample["file"].toInt()]["file"].toString())
+                         .arg(sample["offset"].toInteger())
+                         .arg(sample["size"].toInteger())
+                         .arg(sample["keyFrame"].toInt())
+                         .arg(sample["pts"].toInteger() - dts + shift)
+                         .arg(i ? dts - samples[i - 1]["dts"].toInteger() : 0);
+        }
+    }
+    return lines;
+}
+
+// The files of each representation of the packages as their manifests name them: DASH's two,
+// HLS's one playlist. The manifests name 1.2 s in segments of 0.4 s: three, where FFmpeg's
+// template package has a fourth audio segment of what is left.
+struct Package {
+    const char *folder;
+    const char *manifest;
+    QList<QStringList> representations;
+};
+
+QList<Package> packages()
+{
+    QList<Package> all;
+    for (const char *folder : {"package-dash-template", "package-dash-timeline"}) {
+        const QDir dir(Data.filePath(QLatin1String(folder)));
+        Package package{folder, "package.mpd", {}};
+        for (const char *id : {"0", "1"})
+            package.representations
+                << QStringList{QStringLiteral("init-stream%1.m4s").arg(id)} +
+                       dir.entryList({QStringLiteral("chunk-stream%1-*.m4s").arg(id)}, QDir::Files,
+                                     QDir::Name)
+                           .mid(0, 3);
+        all << package;
+    }
+    const QDir hls(Data.filePath(QStringLiteral("package-hls")));
+    all << Package{
+        "package-hls",
+        "package.m3u8",
+        {QStringList{"init.mp4"} + hls.entryList({"package*.m4s"}, QDir::Files, QDir::Name)}};
+    return all;
+}
+
+// The processor time of the children that ended so far, in seconds.
+double childSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+QStringList problemCodes(const QJsonObject &report, const char *severity = nullptr)
+{
+    QStringList codes;
+    for (const QJsonValue &problem : report.value("problems").toArray()) {
+        if (!severity || problem["severity"].toString() == QLatin1String(severity))
+            codes << problem["code"].toString();
+    }
+    return codes;
+}
+
+TEST(Package, SamplesOfEveryRepresentationAreThePacketsOfFfprobe)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty())
+        GTEST_SKIP() << "ffprobe is not installed";
+    for (const Package &package : packages()) {
+        SCOPED_TRACE(package.folder);
+        const QDir folder(Data.filePath(QLatin1String(package.folder)));
+        QString expected;
+        QStringList files;
+        for (const QStringList &representation : package.representations) {
+            expected += packetsOfFfprobe(folder, representation);
+            files += representation;
+        }
+        const QJsonObject report =
+            reportOf(folder.filePath(QLatin1String(package.manifest)), {"--check"});
+        EXPECT_EQ(samplesOf(report).toStdString(), expected.toStdString());
+        QStringList listed;
+        for (const QJsonValue &file : report.value("files").toArray())
+            listed << file["file"].toString();
+        EXPECT_EQ(listed, files);
+        EXPECT_EQ(problemCodes(report, "error"), QStringList());
+        // Each stream names its representation and has the codecs the manifest declares.
+        for (const QJsonValue &stream : report.value("streams").toArray())
+            EXPECT_FALSE(stream["representation"].toString().isEmpty());
+    }
+}
+
+// A damaged copy of the DASH package, made in a temporary folder.
+class DamagedPackage {
+public:
+    DamagedPackage()
+    {
+        const QDir source(Data.filePath(QStringLiteral("package-dash-timeline")));
+        for (const QString &name : source.entryList(QDir::Files))
+            QFile::copy(source.filePath(name), folder.filePath(name));
+    }
+    QString path(const QString &name) const { return folder.filePath(name); }
+    QByteArray read(const QString &name) const
+    {
+        QFile file(path(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    void write(const QString &name, const QByteArray &bytes) const
+    {
+        QFile file(path(name));
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(bytes);
+    }
+    QStringList codes() const { return problemCodes(reportOf(path("package.mpd"), {"--check"})); }
+
+private:
+    QTemporaryDir folder;
+};
+
+TEST(Package, DamagedPackagesGiveTheirCodes)
+{
+    const QString first = QStringLiteral("chunk-stream0-00001.m4s");
+    const QString second = QStringLiteral("chunk-stream0-00002.m4s");
+    {
+        SCOPED_TRACE("a segment deleted");
+        DamagedPackage package;
+        QFile::remove(package.path(second));
+        EXPECT_TRUE(package.codes().contains("segment-missing"));
+    }
+    {
+        SCOPED_TRACE("a segment swapped with the next");
+        DamagedPackage package;
+        const QByteArray one = package.read(first);
+        package.write(first, package.read(second));
+        package.write(second, one);
+        EXPECT_TRUE(package.codes().contains("timeline-overlap"));
+    }
+    {
+        SCOPED_TRACE("the codecs attribute changed");
+        DamagedPackage package;
+        package.write("package.mpd", package.read("package.mpd").replace("avc1.", "avc3."));
+        EXPECT_TRUE(package.codes().contains("codecs-mismatch"));
+    }
+    {
+        SCOPED_TRACE("a segment's first sample made non-sync");
+        DamagedPackage package;
+        QByteArray bytes = package.read(second);
+        // The trun's flags, then its first sample's flags: in first_sample_flags, else in
+        // the first entry behind the count and the data offset.
+        const qsizetype trun = bytes.indexOf("trun");
+        ASSERT_GT(trun, 0);
+        const quint32 flags = qFromBigEndian<quint32>(bytes.constData() + trun + 4) & 0xFFFFFF;
+        qsizetype at = trun + 12 + ((flags & 1) ? 4 : 0);
+        if (!(flags & 4))
+            at += ((flags & 0x100) ? 4 : 0) + ((flags & 0x200) ? 4 : 0);
+        ASSERT_TRUE((flags & 4) || (flags & 0x400));
+        bytes[at + 1] = char(bytes[at + 1] | 1);
+        package.write(second, bytes);
+        EXPECT_TRUE(package.codes().contains("segment-not-sap"));
+    }
+}
+
+// Hostile manifests end in bounded time and memory with a clear problem, and never read a
+// file outside the manifest's folder.
+TEST(Package, HostileManifestsAreBounded)
+{
+    QTemporaryDir folder;
+    const auto write = [&folder](const QString &name, const QByteArray &bytes) {
+        QFile file(folder.filePath(name));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+        return file.fileName();
+    };
+    const QByteArray period = "<MPD mediaPresentationDuration=\"PT1000000000S\"><Period>"
+                              "<AdaptationSet><Representation id=\"a\">";
+    const QByteArray end = "</Representation></AdaptationSet></Period></MPD>";
+    const struct {
+        const char *name;
+        QByteArray manifest;
+        const char *code;
+    } cases[] = {
+        {"billion.mpd", period + "<SegmentTemplate duration=\"1\" media=\"$Number$.m4s\"/>" + end,
+         "manifest-too-many-segments"},
+        {"endless.mpd",
+         "<MPD><Period><AdaptationSet><Representation id=\"a\"><SegmentTemplate media=\"$Time$\">"
+         "<SegmentTimeline><S t=\"0\" d=\"1\" r=\"-1\"/></SegmentTimeline></SegmentTemplate>" +
+             end,
+         "manifest-unbounded"},
+        {"outside.mpd",
+         "<MPD><Period><AdaptationSet><Representation id=\"a\"><SegmentList>"
+         "<Initialization sourceURL=\"../secret.mp4\"/><SegmentURL media=\"/etc/passwd\"/>"
+         "</SegmentList>" +
+             end,
+         "segment-outside"},
+        {"self.m3u8", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nself.m3u8\n", "manifest-loop"},
+        {"remote.m3u8", "#EXTM3U\n#EXTINF:1,\nhttp://127.0.0.1:1/a.m4s\n", "segment-not-local"},
+        {"attribute.mpd",
+         "<MPD><Period><AdaptationSet><Representation id=\"" + QByteArray(3000000, 'a') + "\">" +
+             end,
+         "manifest-too-large"},
+    };
+    for (const auto &test : cases) {
+        SCOPED_TRACE(test.name);
+        const QString path = write(QLatin1String(test.name), test.manifest);
+        // The command's processor time: the machines of the tests are shared.
+        const double before = childSeconds();
+        const QJsonObject report = reportOf(path);
+        EXPECT_LT(childSeconds() - before, 2.0);
+        EXPECT_TRUE(problemCodes(report).contains(QLatin1String(test.code)))
+            << problemCodes(report).join(' ').toStdString();
+        EXPECT_TRUE(report.value("files").toArray().isEmpty());
+    }
+    // A manifest of 100 MB is not read at all.
+    QFile huge(folder.filePath("huge.mpd"));
+    ASSERT_TRUE(huge.open(QIODevice::WriteOnly) && huge.resize(100 * 1024 * 1024));
+    huge.close();
+    EXPECT_TRUE(runTool({"--deep", "--format=json", "huge.mpd"}, folder.path()).contains("error"));
+}
+
+// The identifiers of a segment template, with widths, and a timeline's repeats.
+TEST(Package, TemplatesAndTimelinesNameTheirSegments)
+{
+    const Manifest::Package package = Manifest::readMpd(
+        "<MPD><BaseURL>media/</BaseURL><Period duration=\"PT4S\"><AdaptationSet "
+        "segmentAlignment=\"true\" startWithSAP=\"1\"><SegmentTemplate timescale=\"10\" "
+        "media=\"$RepresentationID$/$Bandwidth%06d$-$Time$-$Number%03d$$$.m4s\" "
+        "initialization=\"$RepresentationID$/init.mp4\" startNumber=\"7\"><SegmentTimeline>"
+        "<S t=\"5\" d=\"10\" r=\"1\"/><S d=\"20\"/></SegmentTimeline></SegmentTemplate>"
+        "<Representation id=\"v\" bandwidth=\"800\" codecs=\"avc1.4d400a\"/>"
+        "</AdaptationSet></Period></MPD>");
+    ASSERT_EQ(package.representations.size(), 1u);
+    const Manifest::Representation &v = package.representations[0];
+    EXPECT_TRUE(package.problems.empty());
+    EXPECT_EQ(v.initialization->uri, "media/v/init.mp4");
+    QStringList uris;
+    for (const Manifest::Segment &segment : v.segments)
+        uris << segment.uri + '@' + QString::number(*segment.time);
+    EXPECT_EQ(uris.join(' '), "media/v/000800-5-007$.m4s@5 media/v/000800-15-008$.m4s@15 "
+                              "media/v/000800-25-009$.m4s@25");
+    EXPECT_TRUE(v.startsWithSap);
+    EXPECT_TRUE(v.segmentAlignment);
+    EXPECT_EQ(v.codecs, "avc1.4d400a");
+
+    const Manifest::Package hls = Manifest::readPlaylist(
+        "#EXTM3U\n#EXT-X-MAP:URI=\"all.mp4\",BYTERANGE=\"100@0\"\n#EXTINF:2.5,\n"
+        "#EXT-X-BYTERANGE:300@100\nall.mp4\n#EXTINF:2,\n#EXT-X-BYTERANGE:200\nall.mp4\n",
+        "media.m3u8");
+    ASSERT_EQ(hls.representations.size(), 1u);
+    const Manifest::Representation &media = hls.representations[0];
+    EXPECT_EQ(*media.initialization->rangeStart, 0u);
+    ASSERT_EQ(media.segments.size(), 2u);
+    EXPECT_EQ(*media.segments[1].rangeStart, 400u);
+    EXPECT_EQ(media.segments[1].rangeLength, 200u);
+    EXPECT_EQ(*media.segments[1].time, 2500000u);
+}
+
+} // namespace
