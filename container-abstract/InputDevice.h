@@ -6,6 +6,17 @@
 #include <QFile>
 #include <QString>
 
+// Bytes of an input that is no local file, such as a file read by URL: an input device
+// fills its window from them.
+class SARVELINTH_ABSTRACT_EXPORT ByteSource {
+public:
+    virtual ~ByteSource();
+    virtual qint64 size() const = 0;
+    // Reads up to count bytes from offset into buffer; returns how many, 0 behind the end
+    // or when they cannot be had.
+    virtual qint64 readAt(qint64 offset, char *buffer, qint64 count) = 0;
+};
+
 // Read-only random access to the file under analysis. Parsers seek and read small pieces
 // all over the file, so reads are served from a window of the file held in memory.
 // A read never delivers bytes beyond the end and never touches the caller's buffer
@@ -21,6 +32,8 @@ public:
     bool openFile(const QString &fileName, QString *error);
     // Serves the given bytes as the whole input.
     void openMemory(const QByteArray &bytes);
+    // Serves the bytes of source, which outlives the device's use of it.
+    void openSource(ByteSource *source);
 
     virtual qint64 size() const;
     virtual bool seek(qint64 position);
@@ -36,6 +49,7 @@ private:
     bool fillWindow(qint64 start);
 
     QFile file;
+    ByteSource *source = nullptr;
     bool fromFile = false;
     qint64 length = 0;
     qint64 position = 0;
