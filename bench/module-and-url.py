@@ -10,7 +10,7 @@ call, minus the array's bytes).
 URL: a server on 127.0.0.1 that honours Range counts the bytes it sends while the command
 makes the default report of http://127.0.0.1:PORT/INPUT; printed beside the moov's size.
 
-Environment: RUNS (rounds, default 5)."""
+Environment: RUNS (rounds, default 5; 0 times only the URL)."""
 
 import http.server
 import json
@@ -47,11 +47,13 @@ for _ in range(runs):
     took, count, nbytes, extra = out.stdout.split()
     module_times.append(float(took))
     beyond.append(int(extra))
-print("command json: median %.3f s" % statistics.median(command_times))
-print("inspect().samples(0): median %.3f s, %s samples, array %.1f MiB, peak beyond it %.1f MiB"
-      % (statistics.median(module_times), count, int(nbytes) / 2**20, max(beyond) / 2**20))
-print("ratio module/command: %.2f" % (statistics.median(module_times) /
-                                       statistics.median(command_times)))
+if runs:
+    print("command json: median %.3f s" % statistics.median(command_times))
+    print("inspect().samples(0): median %.3f s, %s samples, array %.1f MiB, peak beyond it "
+          "%.1f MiB" % (statistics.median(module_times), int(count), int(nbytes) / 2**20,
+                        max(beyond) / 2**20))
+    print("ratio module/command: %.2f" % (statistics.median(module_times) /
+                                           statistics.median(command_times)))
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -85,6 +87,9 @@ started = time.perf_counter()
 report = subprocess.run([tool, "--format", "json", url], capture_output=True, check=True)
 took = time.perf_counter() - started
 server.shutdown()
+local = subprocess.run([tool, "--format", "json", path], capture_output=True, check=True)
+print("by URL the report of the local file:",
+      report.stdout.replace(url.encode(), path.encode()) == local.stdout)
 moov = [e for e in json.loads(report.stdout)["elements"] if e["name"] == "moov"][0]
 print("by URL: %.2f s, %d requests, %d bytes sent; moov %d bytes; beyond the moov %.2f MiB"
       % (took, server.requests, server.sent, moov["size"], (server.sent - moov["size"]) / 2**20))
