@@ -36,13 +36,15 @@ void ContainerAbstract::configure(const Settings &settings)
 }
 
 ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, ReportSink &sink,
-                                                      QString *error)
+                                                      QString *error, const QString &shownName)
 {
     if (verifyContainerFormat(fileName) != ParseOk)
         return RunNotThisFormat;
-    if (!input.openFile(fileName, error))
+    if (byteSource)
+        input.openSource(byteSource);
+    else if (!input.openFile(fileName, error))
         return RunOpenFailed;
-    return run(fileName, sink);
+    return run(shownName.isEmpty() ? fileName : shownName, sink);
 }
 
 ContainerAbstract::RunResult

@@ -66,8 +66,13 @@ public:
 
     void configure(const Settings &settings);
 
-    // Runs the parser over a file and reports it to sink. On RunOpenFailed, *error says why.
-    RunResult parse(const QString &fileName, ReportSink &sink, QString *error = nullptr);
+    // Runs the parser over a file and reports it to sink, under shownName when one is given
+    // (standard input's spool is shown as "-"). On RunOpenFailed, *error says why.
+    RunResult parse(const QString &fileName, ReportSink &sink, QString *error = nullptr,
+                    const QString &shownName = QString());
+    // Reads the input of the next runs from source instead of the file parse() names, which
+    // still judges the format and names the report. The source outlives the runs.
+    void readFrom(ByteSource *source) { byteSource = source; }
     // The same over bytes in memory; fileName serves the format check and the report.
     RunResult parseBytes(const QString &fileName, const QByteArray &bytes, ReportSink &sink);
     // Runs the parser over files read as one presentation, in the order given: an
@@ -157,6 +162,7 @@ private:
     void advanceStreamsTo(int stream);
 
     ReportSink *sink = nullptr;
+    ByteSource *byteSource = nullptr;
     int openStreamIndex = -1; // stream whose samples the sink is receiving
     int nextStreamIndex = 0;  // next stream to hand to the sink
     ProblemCounts problemsFound;

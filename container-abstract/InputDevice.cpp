@@ -10,6 +10,8 @@ namespace {
 constexpr qint64 WindowSize = 64 * 1024;
 } // namespace
 
+ByteSource::~ByteSource() = default;
+
 InputDevice::InputDevice() = default;
 InputDevice::~InputDevice() = default;
 
@@ -33,6 +35,7 @@ bool InputDevice::openFile(const QString &fileName, QString *error)
         return false;
     }
     fromFile = true;
+    source = nullptr;
     length = file.size();
     position = 0;
     window.clear();
@@ -43,6 +46,7 @@ bool InputDevice::openFile(const QString &fileName, QString *error)
 void InputDevice::openMemory(const QByteArray &bytes)
 {
     fromFile = false;
+    source = nullptr;
     window = bytes;
     windowStart = 0;
     length = bytes.size();
@@ -66,6 +70,14 @@ void InputDevice::endOverlay()
     window = std::move(under.window);
     windowStart = under.windowStart;
     covered.pop_back();
+void InputDevice::openSource(ByteSource *byteSource)
+{
+    fromFile = false;
+    source = byteSource;
+    length = qMax<qint64>(source->size(), 0);
+    position = 0;
+    window.clear();
+    windowStart = 0;
 }
 
 qint64 InputDevice::size() const
@@ -90,7 +102,7 @@ qint64 InputDevice::readBytes(char *buffer, qint64 count)
     while (delivered < count) {
         const qint64 at = position + delivered;
         if (at < windowStart || at >= windowStart + window.size()) {
-            if (!fromFile || !fillWindow(at))
+            if ((!fromFile && !source) || !fillWindow(at))
                 break;
         }
         const qint64 inWindow = qMin(count - delivered, windowStart + window.size() - at);
@@ -104,6 +116,12 @@ qint64 InputDevice::readBytes(char *buffer, qint64 count)
 bool InputDevice::fillWindow(qint64 start)
 {
     window.resize(WindowSize);
+    if (source) {
+        const qint64 got = source->readAt(start, window.data(), WindowSize);
+        window.resize(int(qMax<qint64>(got, 0)));
+        windowStart = start;
+        return got > 0;
+    }
     if (!file.seek(start)) {
         window.clear();
         return false;

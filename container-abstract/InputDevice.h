@@ -7,6 +7,16 @@
 #include <QString>
 
 #include <vector>
+// Bytes of an input that is no local file, such as a file read by URL: an input device
+// fills its window from them.
+class SARVELINTH_ABSTRACT_EXPORT ByteSource {
+public:
+    virtual ~ByteSource();
+    virtual qint64 size() const = 0;
+    // Reads up to count bytes from offset into buffer; returns how many, 0 behind the end
+    // or when they cannot be had.
+    virtual qint64 readAt(qint64 offset, char *buffer, qint64 count) = 0;
+};
 
 // Read-only random access to the file under analysis. Parsers seek and read small pieces
 // all over the file, so reads are served from a window of the file held in memory.
@@ -27,6 +37,8 @@ public:
     // as it was, at its position: for bytes inflated from a part of the input. Overlays nest.
     void beginOverlay(const QByteArray &bytes);
     void endOverlay();
+    // Serves the bytes of source, which outlives the device's use of it.
+    void openSource(ByteSource *source);
 
     virtual qint64 size() const;
     virtual bool seek(qint64 position);
@@ -42,6 +54,7 @@ private:
     bool fillWindow(qint64 start);
 
     QFile file;
+    ByteSource *source = nullptr;
     bool fromFile = false;
     qint64 length = 0;
     qint64 position = 0;

@@ -60,6 +60,14 @@ const QList<OptionRow> &optionRows()
         {{"no-unknown-data"}, {}, "do not show the bytes of unknown boxes"},
         {{"max-unknown-data"}, "N", "show at most N bytes of an unknown box (default 64)"},
         {{"plugin-dir"}, "DIR", "load the container plugins from DIR"},
+        {{"name"},
+         "NAME",
+         "with - (standard input, which is read to a temporary\n"
+         "file first): the name the report shows and whose\n"
+         "suffix decides the format (default: -, taken as mp4)"},
+        {{"verbose"},
+         {},
+         "tell on standard error how many requests and bytes\nreading each file by URL took"},
         {{"h", "help"}, {}, "show this help"},
         {{"version"}, {}, "show the version"},
     };
@@ -204,6 +212,7 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     }
     options->pluginDir = parser.value(QStringLiteral("plugin-dir"));
     options->serve = parser.isSet(QStringLiteral("serve"));
+    options->verbose = parser.isSet(QStringLiteral("verbose"));
     if (parser.isSet(QStringLiteral("port"))) {
         if (!options->serve) {
             *error = QStringLiteral("--port: only with --serve");
@@ -224,6 +233,22 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     }
 
     options->files = parser.positionalArguments();
+    const qsizetype standardInputs = options->files.count(QStringLiteral("-"));
+    if (standardInputs > 1) {
+        *error = QStringLiteral("- (standard input) may be given once");
+        return false;
+    }
+    if (parser.isSet(QStringLiteral("name"))) {
+        if (standardInputs == 0) {
+            *error = QStringLiteral("--name: only with - (standard input)");
+            return false;
+        }
+        options->inputName = parser.value(QStringLiteral("name"));
+        if (options->inputName.isEmpty()) {
+            *error = QStringLiteral("--name needs a name");
+            return false;
+        }
+    }
     if (options->files.isEmpty() && !defaultFile.isEmpty())
         options->files << defaultFile;
     if (options->files.isEmpty() && !options->help && !options->version) {
@@ -238,7 +263,8 @@ QString usageText()
     QString text = QStringLiteral(
         "Usage: sarvelinth [OPTIONS] FILE...\n"
         "Shows the structure of ISO base media files (mp4, f4v) byte by byte: every box with\n"
-        "its offset, size and fields, and the samples of the video streams.\n"
+        "its offset, size and fields, and the samples of the video streams. A FILE may be -\n"
+        "(standard input) or an http:// or https:// URL, read with range requests.\n"
         "\n"
         "Options:\n");
     for (const OptionRow &option : optionRows()) {

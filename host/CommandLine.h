@@ -21,6 +21,11 @@ struct Options {
     QStringList files;
     bool help = false;
     bool version = false;
+    // A file of "-" is standard input; this is the name it shows and is judged by (empty: "-",
+    // taken as mp4).
+    QString inputName;
+    // Tell what reading files by URL took.
+    bool verbose = false;
 };
 
 // Reads the arguments that follow the program name. Options and files may mix; "--" ends

@@ -9,11 +9,15 @@
 #include "PluginLoader.h"
 #include "ServeIndex.h"
 #include "Server.h"
+#include "SourceBytes.h"
 #include "SummaryWriter.h"
 #include "TextWriter.h"
+#include "UrlSource.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryFile>
 
 #include <cerrno>
 #include <cstring>
@@ -23,7 +27,8 @@ namespace {
 
 void message(FILE *err, const QString &text)
 {
-    std::fprintf(err, "sarvelinth: %s\n", text.toUtf8().constData());
+    if (err)
+        std::fprintf(err, "sarvelinth: %s\n", text.toUtf8().constData());
 }
 
 void fileMessage(FILE *err, const QString &fileName, const QString &problem)
@@ -39,30 +44,32 @@ QString supportedSuffixes(const std::vector<PluginLoader::Plugin> &plugins)
     return suffixes.join(QStringLiteral(", "));
 }
 
-// Reports one file with the first plugin that takes it; returns the file's exit status, and
-// sets *errors when the checks found a problem of severity error.
-int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> &plugins,
-               const Options &options, ReportWriter &writer, FILE *err, bool *errors)
+} // namespace
+
+int reportFile(const QString &path, const QString &fileName, const std::shared_ptr<UrlSource> &url,
+               const std::vector<PluginLoader::Plugin> &plugins,
+               const ContainerAbstract::Settings &settings, ReportWriter &writer, FILE *err,
+               bool *errors)
 {
     // The plugins decide by name alone, so a file that is not there is caught first: it
     // gets the same answer whatever its name.
     QString problem;
-    if (!InputDevice().openFile(fileName, &problem)) {
+    if (!url && !InputDevice().openFile(path, &problem)) {
         fileMessage(err, fileName, problem);
         writer.reportError(fileName, problem);
         return ExitFileFailed;
     }
-    // Deep analysis reads the manifest of a package and the files it names.
-    if (options.settings.deepAnalysis && Manifest::isManifestName(fileName))
-        return reportManifest(fileName, plugins, options, writer, err, errors);
-
     for (const auto &plugin : plugins) {
         std::unique_ptr<ContainerAbstract> parser(plugin.createParser());
         if (!parser)
             continue;
-        parser->configure(options.settings);
+        parser->configure(settings);
         writer.setContainerName(plugin.name);
-        switch (parser->parse(fileName, writer, &problem)) {
+        if (url)
+            parser->readFrom(url.get());
+        writer.setSource(url ? std::make_shared<SourceBytes>(url)
+                             : std::make_shared<SourceBytes>(path));
+        switch (parser->parse(path, writer, &problem, fileName)) {
         case ContainerAbstract::RunNotThisFormat:
             continue;
         case ContainerAbstract::RunOpenFailed:
@@ -81,7 +88,7 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
     // A suffix that only deep analysis takes: the refusal says how to read the file.
     const QString suffix = QFileInfo(fileName).suffix().toLower();
     for (const auto &plugin : plugins) {
-        if (!options.settings.deepAnalysis && !suffix.isEmpty() &&
+        if (!settings.deepAnalysis && !suffix.isEmpty() &&
             plugin.deepExtensions.contains(suffix)) {
             problem += QStringLiteral("; --deep reads .%1 files").arg(suffix);
             break;
@@ -91,6 +98,8 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
     writer.reportError(fileName, problem);
     return ExitNotTaken;
 }
+
+namespace {
 
 // Reports the files as one presentation with the first plugin that joins them; returns the
 // status as reportFile does.
@@ -127,6 +136,75 @@ int reportJoined(const QStringList &fileNames, const std::vector<PluginLoader::P
     fileMessage(err, fileNames.first(), problem);
     writer.reportError(fileNames.first(), problem);
     return ExitNotTaken;
+}
+
+// Reads standard input into a temporary file, removed when it is destroyed, so that every
+// mode can seek in it. The spool bears the suffix of the name shown, or mp4 when that has
+// none, since the plugins judge a file by its name. Returns null with *error set when it fails.
+std::unique_ptr<QTemporaryFile> spoolStandardInput(const QString &shownName, QString *error)
+{
+    QString suffix = QFileInfo(shownName).suffix();
+    // The template's own placeholder stays the only one; suffixes are judged in any case.
+    suffix.replace(QLatin1String("XXXXXX"), QLatin1String("xxxxxx"));
+    auto spool = std::make_unique<QTemporaryFile>(
+        QDir::tempPath() + QStringLiteral("/sarvelinth-stdin-XXXXXX.") +
+        (suffix.isEmpty() ? QStringLiteral("mp4") : suffix));
+    if (!spool->open()) {
+        *error = QStringLiteral("cannot make a temporary file for standard input: %1")
+                     .arg(spool->errorString());
+        return nullptr;
+    }
+    QFile input;
+    if (!input.open(stdin, QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read standard input: %1").arg(input.errorString());
+        return nullptr;
+    }
+    constexpr qint64 BlockSize = 1024 * 1024;
+    QByteArray block(BlockSize, Qt::Uninitialized);
+    qint64 got = 0;
+    while ((got = input.read(block.data(), BlockSize)) > 0) {
+        if (spool->write(block.constData(), got) != got)
+            break;
+    }
+    if (got < 0) {
+        *error = QStringLiteral("cannot read standard input: %1").arg(input.errorString());
+        return nullptr;
+    }
+    if (got > 0 || !spool->flush()) {
+        *error = QStringLiteral("cannot write standard input to %1: %2")
+                     .arg(spool->fileName(), spool->errorString());
+        return nullptr;
+    }
+    spool->close();
+    return spool;
+}
+
+// Reports a file read by URL: its path judges the format. Errors of reading that come up
+// during the parse fail the file after its report. With verbose, tells what it cost.
+int reportUrl(const QString &name, const Options &options,
+              const std::vector<PluginLoader::Plugin> &plugins, ReportWriter &writer, FILE *err,
+              bool *errors)
+{
+    auto url = std::make_shared<UrlSource>(QUrl(name));
+    int status = ExitOk;
+    if (!url->open()) {
+        fileMessage(err, name, url->error());
+        writer.reportError(name, url->error());
+        status = ExitFileFailed;
+    } else {
+        status = reportFile(QUrl(name).path(), name, url, plugins, options.settings, writer, err,
+                            errors);
+        if (status == ExitOk && !url->error().isEmpty()) {
+            fileMessage(err, name, url->error());
+            status = ExitFileFailed;
+        }
+    }
+    if (options.verbose)
+        fileMessage(err, name,
+                    QStringLiteral("%1 requests, %2 bytes received")
+                        .arg(url->requestCount())
+                        .arg(url->bytesReceived()));
+    return status;
 }
 
 // Opens the file the report goes to. Refuses one of the input files, which opening it
@@ -220,10 +298,37 @@ int runHost(const QStringList &arguments, FILE *out, FILE *err)
     bool errors = false;
     if (options.join)
         status = reportJoined(options.files, loader.plugins(), options, *writer, err, &errors);
-    else
-        for (const QString &fileName : options.files)
-            status = qMax(status,
-                          reportFile(fileName, loader.plugins(), options, *writer, err, &errors));
+    // Standard input's spool lives as long as the server may read its bytes.
+    std::unique_ptr<QTemporaryFile> spool;
+    for (const QString &fileName : options.join ? QStringList() : options.files) {
+        if (UrlSource::isUrl(fileName)) {
+            status =
+                qMax(status, reportUrl(fileName, options, loader.plugins(), *writer, err, &errors));
+            continue;
+        }
+        // Deep analysis reads the manifest of a package and the files it names.
+        if (options.settings.deepAnalysis && Manifest::isManifestName(fileName)) {
+            status = qMax(status, reportManifest(fileName, loader.plugins(), options, *writer, err,
+                                                 &errors));
+            continue;
+        }
+        if (fileName != QLatin1String("-")) {
+            status = qMax(status, reportFile(fileName, fileName, nullptr, loader.plugins(),
+                                             options.settings, *writer, err, &errors));
+            continue;
+        }
+        const QString shown = options.inputName.isEmpty() ? QStringLiteral("-") : options.inputName;
+        QString problem;
+        spool = spoolStandardInput(shown, &problem);
+        if (!spool) {
+            fileMessage(err, shown, problem);
+            writer->reportError(shown, problem);
+            status = qMax(status, int(ExitFileFailed));
+            continue;
+        }
+        status = qMax(status, reportFile(spool->fileName(), shown, nullptr, loader.plugins(),
+                                         options.settings, *writer, err, &errors));
+    }
     // Problems of the files tell their status only when nothing worse went wrong.
     if (status == ExitOk && errors)
         status = ExitProblems;

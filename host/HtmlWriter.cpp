@@ -1,8 +1,9 @@
 #include "HtmlWriter.h"
 
 #include "HtmlPage.h"
+#include "SourceBytes.h"
 
-#include <QFile>
+#include <utility>
 
 namespace {
 // Bytes read from the file at a time; a multiple of 3, so base64 pieces join seamlessly.
@@ -67,7 +68,7 @@ int HtmlWriter::writeError() const
 void HtmlWriter::beginReport(const QString &name, quint64 fileSize)
 {
     beginScript();
-    fileName = name;
+    bytes = nextBytes ? std::exchange(nextBytes, nullptr) : std::make_shared<SourceBytes>(name);
     TeeWriter::beginReport(name, fileSize);
 }
 
@@ -87,19 +88,20 @@ void HtmlWriter::writeEmbeddedBytes()
     else
         out.appendLiteral("null");
 
-    QFile file(fileName);
-    const bool readable = selection.ranges().empty() || file.open(QIODevice::ReadOnly);
+    QString readError;
+    const bool readable = selection.ranges().empty() || bytes->size(&readError) >= 0;
     out.appendLiteral(",\"readError\":");
-    out.appendString(readable ? QString() : file.errorString(), Escaping);
+    out.appendString(readError, Escaping);
     out.appendLiteral(",\"ranges\":[");
     if (readable)
-        writeRanges(file);
+        writeRanges();
     out.appendLiteral("]}");
 }
 
-void HtmlWriter::writeRanges(QFile &file)
+void HtmlWriter::writeRanges()
 {
-    QByteArray block(ReadBlock, Qt::Uninitialized);
+    QByteArray block;
+    QString error;
     bool first = true;
     for (const ByteSelection::Range &range : selection.ranges()) {
         if (!first)
@@ -109,15 +111,14 @@ void HtmlWriter::writeRanges(QFile &file)
         out.appendUnsigned(range.offset);
         out.appendLiteral(",\"data\":\"");
         // A file that changed since it was parsed gives fewer bytes: the range ends there.
-        quint64 left = file.seek(qint64(range.offset)) ? range.size : 0;
-        while (left > 0) {
-            const qint64 wanted = qint64(qMin<quint64>(left, ReadBlock));
-            const qint64 got = file.read(block.data(), wanted);
-            if (got <= 0)
+        for (quint64 done = 0; done < range.size;) {
+            const quint64 wanted = qMin<quint64>(range.size - done, ReadBlock);
+            if (!bytes->read(range.offset + done, wanted, &block, &error) || block.isEmpty())
                 break;
-            out.appendBase64(reinterpret_cast<const quint8 *>(block.constData()), quint64(got));
-            left -= quint64(got);
-            if (got < wanted)
+            out.appendBase64(reinterpret_cast<const quint8 *>(block.constData()),
+                             quint64(block.size()));
+            done += quint64(block.size());
+            if (quint64(block.size()) < wanted)
                 break;
         }
         out.appendLiteral("\"}");

@@ -5,7 +5,7 @@
 #include "OutputBuffer.h"
 #include "TeeWriter.h"
 
-class QFile;
+class SourceBytes;
 
 // Writes one self-contained HTML page for all reports: the page's head, then each report
 // as the JSON writer's annotated document inside a <script type="application/json">
@@ -23,6 +23,7 @@ public:
     explicit HtmlWriter(FILE *file, quint64 byteLimit = DefaultByteLimit);
 
     void setContainerName(const QString &name) override;
+    void setSource(const std::shared_ptr<SourceBytes> &source) override { nextBytes = source; }
     void reportError(const QString &fileName, const QString &problem) override;
     void flush() override;
     void finish() override;
@@ -37,11 +38,12 @@ private:
     // The "embeddedBytes" member: the chosen bytes of the file as base64 text, read piece
     // by piece.
     void writeEmbeddedBytes();
-    void writeRanges(QFile &file);
+    void writeRanges();
 
     OutputBuffer out;
     ByteSelection selection;
     JsonWriter json;
-    QString fileName;
+    std::shared_ptr<SourceBytes> bytes;     // of the report being written
+    std::shared_ptr<SourceBytes> nextBytes; // of the next report, when set
     bool headWritten = false;
 };

@@ -4,11 +4,18 @@
 
 #include <QString>
 
+#include <memory>
+
+class SourceBytes;
+
 // A sink that writes reports of files to an output stream, one report after another.
 class ReportWriter : public ReportSink {
 public:
     // Name of the container format that the next report comes from.
     virtual void setContainerName(const QString &name) = 0;
+    // Where the bytes of the next report are read from, for writers that show them; without
+    // it, the file under the name its report shows.
+    virtual void setSource(const std::shared_ptr<SourceBytes> &bytes) { Q_UNUSED(bytes) }
     // A file that gets no report: writers whose consumers expect an entry for every input
     // write one; others write nothing, since the problem goes to the error stream.
     virtual void reportError(const QString &fileName, const QString &problem) = 0;

@@ -10,12 +10,13 @@ fi
 
 # What building and running needs.
 BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev
-    libgtest-dev libgmock-dev libbenchmark-dev pkg-config zlib1g-dev)
+    libgtest-dev libgmock-dev libbenchmark-dev pkg-config zlib1g-dev pybind11-dev python3-dev
+    python3-numpy)
 # What ./batch needs on top: Dask distributed runs the tool over many files.
 BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
-# python3 checks the JSON documents against their schema, pytest runs the tests of ./batch,
-# heif-info tells the items of the test images.
+# python3 checks the JSON documents against their schema, pytest runs the tests of ./batch
+# and of the Python module, heif-info tells the items of the test images.
 TEST_PACKAGES=(ffmpeg clang libclang-rt-14-dev python3 python3-jsonschema python3-distributed
     python3-pytest libheif-examples)
 
@@ -118,7 +119,7 @@ build_tree_if_stale() {
     local dir=$SARVELINTH_ROOT/$1 root=$SARVELINTH_ROOT newer
     if [ -f "$dir/.build-stamp" ] && [ -x "$dir/bin/sarvelinth" ]; then
         newer=$(find "$root/CMakeLists.txt" "$root/container-abstract" "$root/container-mp4" \
-            "$root/host" "$root/tests" "$root/bench" "$root/fuzz" "$root/scripts" \
+            "$root/host" "$root/python" "$root/tests" "$root/bench" "$root/fuzz" "$root/scripts" \
             "$dir/CMakeCache.txt" /var/lib/dpkg/status \
             -path "$root/tests/browser/node_modules" -prune -o \
             -path "$root/tests/data/node/node_modules" -prune -o -newer "$dir/.build-stamp" \

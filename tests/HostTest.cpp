@@ -17,6 +17,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -195,6 +196,49 @@ TEST(Host, ExitStatusesAndMessages)
     QFile reportFile(report);
     ASSERT_TRUE(reportFile.open(QIODevice::ReadOnly));
     EXPECT_EQ(reportFile.readAll(), json + "{\"file\":\"no.mp4\",\"error\":\"no such file\"}\n");
+}
+
+// "-" reads standard input to a spool that every mode can seek in, and reports it under the
+// name "-", or that of --name, whose suffix decides the format; the spool is gone after.
+TEST(Host, StandardInputIsReportedLikeTheFile)
+{
+    QTemporaryDir spoolDir;
+    const auto runOnInput = [&](const QStringList &arguments) {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("TMPDIR", spoolDir.path());
+        process.setProcessEnvironment(environment);
+        process.setWorkingDirectory(SourceDir);
+        process.setStandardInputFile(SourceDir + "/" + SampleFile);
+        process.start(QFileInfo(QFileInfo("/proc/self/exe").canonicalFilePath()).path() +
+                          "/sarvelinth",
+                      arguments);
+        const bool finished = process.waitForFinished(60000);
+        EXPECT_TRUE(finished);
+        return ToolRun{process.exitCode(), process.readAllStandardOutput(),
+                       process.readAllStandardError()};
+    };
+    const QByteArray name = SampleFile.toUtf8();
+    for (const QStringList &options :
+         {QStringList{}, QStringList{"--format", "json"},
+          QStringList{"--deep", "--check", "--format", "json"}, QStringList{"--format", "html"}}) {
+        SCOPED_TRACE(options.join(' ').toStdString());
+        const ToolRun file = runTool(options + QStringList{SampleFile});
+        const ToolRun input = runOnInput(options + QStringList{"-"});
+        EXPECT_EQ(input.exitCode, 0);
+        EXPECT_EQ(input.err, file.err);
+        QByteArray expected = file.out;
+        expected.replace("\"" + name + "\"", "\"-\"").replace(name + ":", "-:");
+        EXPECT_EQ(input.out, expected);
+    }
+    // --name gives the name shown and the suffix judged: a mov only with --deep.
+    EXPECT_EQ(runOnInput({"--name", "clip.mov", "-"}).exitCode, 3);
+    const ToolRun deep = runOnInput({"--deep", "--format=json", "--name", "clip.mov", "-"});
+    EXPECT_EQ(deep.exitCode, 0);
+    EXPECT_TRUE(deep.out.startsWith("{\"file\":\"clip.mov\",\"fileSize\":5932,"));
+    EXPECT_TRUE(QDir(spoolDir.path()).isEmpty());
+    EXPECT_EQ(runTool({"--name", "x.mp4", SampleFile}).exitCode, 2);
+    EXPECT_EQ(runTool({"-", "-"}).exitCode, 2);
 }
 
 // Files that are no MP4 at all under an .mp4 name are still reported, as what the box walk

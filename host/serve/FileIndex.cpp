@@ -2,6 +2,7 @@
 
 #include "Bounds.h"
 #include "JsonText.h"
+#include "SourceBytes.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -59,6 +60,7 @@ void FileIndex::Summary::add(const Summary &other)
 
 FileIndex::FileIndex(const QString &fileName, const QString &container)
     : name(fileName)
+    , source(std::make_shared<SourceBytes>(fileName))
     , containerName(container)
     , elementFile(0)
 {

@@ -11,6 +11,8 @@
 #include <optional>
 #include <vector>
 
+class SourceBytes;
+
 // The report of one file, kept in temporary files in a form that is read back in pieces:
 // fixed-size records of elements (by id), of each element's children and child elements
 // (each list in one stretch), of samples and of summaries of samples for charts. Texts are
@@ -125,6 +127,9 @@ public:
     ~FileIndex() override;
 
     const QString &fileName() const { return name; }
+    // Where the file's bytes are read: the file under its name unless set otherwise.
+    SourceBytes &bytes() const { return *source; }
+    void setSource(std::shared_ptr<SourceBytes> bytes) { source = std::move(bytes); }
     const QString &container() const { return containerName; }
     quint64 fileSize() const { return size; }
     // Why the index cannot be used; empty when it can.
@@ -226,6 +231,7 @@ private:
                      std::vector<qint8> *internedMatches) const;
 
     QString name;
+    std::shared_ptr<SourceBytes> source;
     QString containerName;
     quint64 size = 0;
     QString openProblem;

@@ -2,8 +2,7 @@
 
 #include "Bounds.h"
 #include "JsonText.h"
-
-#include <QFile>
+#include "SourceBytes.h"
 
 #include <algorithm>
 #include <map>
@@ -470,18 +469,15 @@ Answer bytesAnswer(const FileIndex &file, const QUrlQuery &query)
     const quint64 size = parameters.unsignedValue("size", ServeApi::MaxBytes, std::nullopt);
     if (!parameters.problem().isEmpty())
         return refused(400, parameters.problem());
-    QFile input(file.fileName());
-    if (!input.open(QIODevice::ReadOnly))
-        return refused(
-            500, QStringLiteral("%1 cannot be read: %2").arg(file.fileName(), input.errorString()));
-    const quint64 fileSize = quint64(input.size());
-    if (offset > fileSize)
+    QString error;
+    const qint64 fileSize = file.bytes().size(&error);
+    QByteArray data;
+    if (fileSize < 0 ||
+        (offset <= quint64(fileSize) && !file.bytes().read(offset, size, &data, &error)))
+        return refused(500, QStringLiteral("%1 cannot be read: %2").arg(file.fileName(), error));
+    if (offset > quint64(fileSize))
         return refused(400,
                        QStringLiteral("offset: past the end of the file (%1 bytes)").arg(fileSize));
-    const quint64 wanted = std::min(size, fileSize - offset);
-    QByteArray data;
-    if (wanted > 0 && input.seek(qint64(offset)))
-        data = input.read(qint64(wanted));
     return ok(objectBody([&](json::Object &object) {
         object.number("offset", offset);
         object.number("size", quint64(data.size()));

@@ -1,5 +1,7 @@
 #include "ServeIndex.h"
 
+#include <utility>
+
 void ServeIndex::reportError(const QString &fileName, const QString &problem)
 {
     fileList.push_back({fileName, problem, nullptr});
@@ -9,6 +11,8 @@ void ServeIndex::beginReport(const QString &fileName, quint64 fileSize)
 {
     auto index = std::make_unique<FileIndex>(fileName, containerName);
     current = index.get();
+    if (nextBytes)
+        current->setSource(std::exchange(nextBytes, nullptr));
     setSinks({current});
     fileList.push_back({fileName, QString(), std::move(index)});
     TeeWriter::beginReport(fileName, fileSize);

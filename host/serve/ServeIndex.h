@@ -25,6 +25,7 @@ public:
     const std::vector<File> &files() const { return fileList; }
 
     void setContainerName(const QString &name) override { containerName = name; }
+    void setSource(const std::shared_ptr<SourceBytes> &source) override { nextBytes = source; }
     void reportError(const QString &fileName, const QString &problem) override;
     void flush() override {}
     int writeError() const override { return 0; }
@@ -36,4 +37,5 @@ private:
     std::vector<File> fileList;
     FileIndex *current = nullptr; // the index of the report being made
     QString containerName;
+    std::shared_ptr<SourceBytes> nextBytes; // of the next report, when set
 };
