@@ -114,3 +114,12 @@ write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u
 write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
     "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
 write empty.mp4 ""
+
+# The small real files of H.264, HEVC and AV1, each followed by a free box that makes its size
+# a multiple of 4, so that the fuzz target reads the units of their samples.
+data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
+for name in track-h264-bframes deep-hevc deep-av1; do
+    hex=$(od -An -tx1 -v "$data/$name.mp4" | tr -d ' \n')
+    pad=$(((4 - (${#hex} / 2 + 8) % 4) % 4))
+    write "units-$name.mp4" "$hex$(box free "$(printf '%0*s' $((pad * 2)) '' | tr ' ' 0)")"
+done

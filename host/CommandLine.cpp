@@ -41,6 +41,10 @@ const QList<OptionRow> &optionRows()
          "list the samples of every track with their composition\n"
          "and presentation times, and take the whole family of\n"
          "suffixes (mov, m4a, 3gp, ...) and files by content"},
+        {{"units"},
+         {},
+         "list the NAL units or OBUs of every sample of H.264, HEVC\n"
+         "and AV1 tracks, and check them with --check (implies --deep)"},
         {{"check"},
          {},
          "check the files: list what is wrong with each, with codes,\n"
@@ -164,7 +168,9 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     options->help = parser.isSet(QStringLiteral("help"));
     options->version = parser.isSet(QStringLiteral("version"));
     options->showSamples = parser.isSet(QStringLiteral("samples"));
-    options->settings.deepAnalysis = parser.isSet(QStringLiteral("deep"));
+    options->settings.sampleUnits = parser.isSet(QStringLiteral("units"));
+    options->settings.deepAnalysis =
+        parser.isSet(QStringLiteral("deep")) || options->settings.sampleUnits;
     options->settings.checkProblems = parser.isSet(QStringLiteral("check"));
     if (parser.isSet(QStringLiteral("no-unknown-data")))
         options->settings.showUnknownData = false;
