@@ -188,8 +188,8 @@ def base_row(entry):
 
 def failed_row(entry, status, message):
     row = base_row(entry)
-    row.update(status=status, exit=None, brand=None, duration=None, streams=[],
-               problems=dict.fromkeys(SEVERITIES, 0), codes=[], error=message)
+    row.update(status=status, exit=None, brand=None, duration=None, streams=[], items=0,
+               primaryItem=None, problems=dict.fromkeys(SEVERITIES, 0), codes=[], error=message)
     return row
 
 
@@ -208,6 +208,7 @@ def summary_row(entry, line, reports, report):
                streams=[{"handler": stream["handlerType"],
                          "codec": stream["codecName"] or stream.get("sampleEntry", ""),
                          "samples": stream["samples"]} for stream in summary["streams"]],
+               items=summary.get("items", 0), primaryItem=summary.get("primaryItem"),
                problems=counts, codes=summary["problemCodes"])
     if report is not None:
         row["report"] = keep_report(reports, entry[0], report)

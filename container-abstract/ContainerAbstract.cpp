@@ -189,6 +189,12 @@ void ContainerAbstract::reportTrackSample(int stream, quint64 sampleIndex,
         output->addTrackSample(sampleIndex, sample);
 }
 
+void ContainerAbstract::reportItem(const Item &item)
+{
+    advanceStreamsTo(int(streams.size()));
+    sink->addItem(item);
+}
+
 ReportSink *ContainerAbstract::sampleOutputFor(uint stream)
 {
     if (stream >= uint(sampleOutputs.size()) || !sampleOutputs[int(stream)])

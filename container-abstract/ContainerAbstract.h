@@ -105,6 +105,8 @@ protected:
     void reportProblem(const Problem &problem);
     // The same for a sample of deep analysis, which brings its own record.
     void reportTrackSample(int stream, quint64 sampleIndex, const TrackSample &sample);
+    // An item of deep analysis; the streams are all handed over before the first.
+    void reportItem(const Item &item);
 
     // Opens the entries of a new stream: a zeroed StreamInfo, a sample count of 0 and no
     // sample output. Returns the stream's index.

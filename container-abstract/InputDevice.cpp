@@ -48,6 +48,25 @@ void InputDevice::openMemory(const QByteArray &bytes)
     position = 0;
 }
 
+void InputDevice::beginOverlay(const QByteArray &bytes)
+{
+    covered.push_back({fromFile, length, position, window, windowStart});
+    openMemory(bytes);
+}
+
+void InputDevice::endOverlay()
+{
+    if (covered.empty())
+        return;
+    Covered &under = covered.back();
+    fromFile = under.fromFile;
+    length = under.length;
+    position = under.position;
+    window = std::move(under.window);
+    windowStart = under.windowStart;
+    covered.pop_back();
+}
+
 qint64 InputDevice::size() const
 {
     return length;

@@ -6,6 +6,8 @@
 #include <QFile>
 #include <QString>
 
+#include <vector>
+
 // Read-only random access to the file under analysis. Parsers seek and read small pieces
 // all over the file, so reads are served from a window of the file held in memory.
 // A read never delivers bytes beyond the end and never touches the caller's buffer
@@ -21,6 +23,10 @@ public:
     bool openFile(const QString &fileName, QString *error);
     // Serves the given bytes as the whole input.
     void openMemory(const QByteArray &bytes);
+    // Serves the given bytes as the whole input until endOverlay, which returns to the input
+    // as it was, at its position: for bytes inflated from a part of the input. Overlays nest.
+    void beginOverlay(const QByteArray &bytes);
+    void endOverlay();
 
     virtual qint64 size() const;
     virtual bool seek(qint64 position);
@@ -41,4 +47,13 @@ private:
     qint64 position = 0;
     QByteArray window; // bytes of the input starting at windowStart
     qint64 windowStart = 0;
+    // The inputs under the overlays, innermost last.
+    struct Covered {
+        bool fromFile;
+        qint64 length;
+        qint64 position;
+        QByteArray window;
+        qint64 windowStart;
+    };
+    std::vector<Covered> covered;
 };

@@ -134,6 +134,59 @@ struct TrackSample {
     const std::vector<SampleUnit> *units = nullptr;
 };
 
+// A run of an item's bytes.
+struct ItemExtent {
+    quint64 offset = 0; // in the file
+    quint64 length = 0;
+};
+
+// A property associated with an item: its place in the property container (counted from 1),
+// its box type and path, and whether the item cannot be used without it.
+struct ItemProperty {
+    quint32 index = 0;
+    QString type;
+    bool essential = false;
+    QString path; // empty where the index names no box
+};
+
+// References of one type between items: from the item to others ("to"), or from others to
+// the item ("from").
+struct ItemReference {
+    QString type;
+    bool outgoing = true;
+    std::vector<quint32> items;
+};
+
+// The layout of a grid image: its tiles in rows and columns, and the size of the picture they
+// make.
+struct ItemGrid {
+    quint32 rows = 0;
+    quint32 columns = 0;
+    quint32 outputWidth = 0;
+    quint32 outputHeight = 0;
+};
+
+// An item of a file of items, such as an image of a HEIF file, as deep analysis resolves it
+// at the end of the walk.
+struct Item {
+    quint32 id = 0;
+    QString type; // such as "hvc1", "av01" or "grid"
+    QString name;
+    QString contentType;
+    bool primary = false;
+    bool hidden = false;
+    // Where the item's bytes lie in the file; absent, with the reason, where they cannot be
+    // told.
+    std::optional<std::vector<ItemExtent>> extents;
+    QString extentsReason;
+    std::vector<ItemProperty> properties;
+    std::vector<ItemReference> references;
+    // From its ispe property; 0 without one.
+    quint32 width = 0;
+    quint32 height = 0;
+    std::optional<ItemGrid> grid;
+};
+
 // What the bytes of a field shown only by its position hold. Writers that keep a file's
 // bytes leave out media data and filler, and keep only the head of other data.
 enum class Payload {
@@ -200,6 +253,7 @@ struct ProblemCounts {
 struct CoverageParts {
     quint64 structure = 0;             // box headers, fields and payloads shown by position
     quint64 sampleData = 0;            // media data the samples reference, each byte once
+    quint64 itemData = 0;              // bytes the extents of items reference, each byte once
     quint64 unreferencedMediaData = 0; // media data no sample references
     quint64 filler = 0;                // free, skip and the like
     quint64 unknown = 0;               // boxes of a type the parser does not know
@@ -210,6 +264,7 @@ struct CoverageParts {
 inline constexpr std::pair<const char *, quint64 CoverageParts::*> coveragePartNames[] = {
     {"structure", &CoverageParts::structure},
     {"sampleData", &CoverageParts::sampleData},
+    {"itemData", &CoverageParts::itemData},
     {"unreferencedMediaData", &CoverageParts::unreferencedMediaData},
     {"filler", &CoverageParts::filler},
     {"unknown", &CoverageParts::unknown},
@@ -233,6 +288,7 @@ enum class ElementState {
     UnknownType, // a type the parser does not know
     InvalidSize, // a size smaller than the element's own header
     TooDeep,     // nested below the deepest level the parser walks
+    Inflated,    // read from bytes inflated from the file: the positions inside lie in them
 };
 
 // The name of an element state in the reports.
@@ -243,6 +299,8 @@ inline const char *elementStateName(ElementState state)
         return "invalid-size";
     case ElementState::TooDeep:
         return "too-deep";
+    case ElementState::Inflated:
+        return "inflated";
     case ElementState::UnknownType:
         break;
     }

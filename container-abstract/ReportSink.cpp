@@ -12,6 +12,8 @@ void ReportSink::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
 
 void ReportSink::setFileFacts(const FileFacts &) {}
 
+void ReportSink::addItem(const Item &) {}
+
 void ReportSink::addProblem(const Problem &) {}
 
 void ReportSink::setCoverage(const Coverage &) {}

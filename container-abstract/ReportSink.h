@@ -49,6 +49,10 @@ public:
     virtual void addTrackSample(quint64 sampleIndex, const TrackSample &sample);
     virtual void endStream() = 0;
 
+    // Deep analysis of a file of items: each item after the streams, in the order the file
+    // lists them. Sinks that do not show items take no notice.
+    virtual void addItem(const Item &item);
+
     // Checks only: the problems of the file and where its bytes went, after the streams. Sinks
     // that do not show them take no notice.
     virtual void addProblem(const Problem &problem);

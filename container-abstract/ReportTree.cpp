@@ -109,6 +109,11 @@ void ReportTree::addProblem(const Problem &problem)
     problems.append(problem);
 }
 
+void ReportTree::addItem(const Item &item)
+{
+    items.append(item);
+}
+
 void ReportTree::setCoverage(const Coverage &value)
 {
     coverage = value;

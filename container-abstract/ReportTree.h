@@ -49,6 +49,8 @@ public:
     quint64 fileSize = 0;
     Node root; // an element without a name; its children are the top-level elements
     QVector<Stream> streams;
+    // Of deep analysis.
+    QVector<Item> items;
     // With checks.
     QVector<Problem> problems;
     std::optional<Coverage> coverage;
@@ -70,6 +72,7 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
 

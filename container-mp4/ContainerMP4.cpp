@@ -64,9 +64,7 @@ int ContainerMP4::verifyContainerFormat(const QString &fileName)
 
 bool ContainerMP4::isFamilySuffix(const QString &suffix)
 {
-    static const QStringList suffixes = {"mov",  "m4a",  "m4v",  "m4s",  "3gp",  "3g2", "heic",
-                                         "heif", "avif", "cmfv", "cmfa", "ismv", "mj2"};
-    return suffixes.contains(suffix);
+    return deepExtensions().contains(suffix);
 }
 
 bool ContainerMP4::beginsWithABox(const QString &fileName)
@@ -117,4 +115,11 @@ QString containerName()
 QStringList supportedExtensions()
 {
     return QStringLiteral("mp4|f4v").split(QLatin1Char('|'), Qt::KeepEmptyParts, Qt::CaseSensitive);
+}
+
+QStringList deepExtensions()
+{
+    static const QStringList suffixes = {"mov",  "m4a",  "m4v",  "m4s",  "3gp",  "3g2", "heic",
+                                         "heif", "avif", "cmfv", "cmfa", "ismv", "mj2"};
+    return suffixes;
 }

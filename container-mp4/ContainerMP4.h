@@ -108,6 +108,9 @@ protected:
     int getSize(quint64 *value, quint8 width);
     int getID(QString *id);
     int getUUID(QUuid *uuid);
+    // The name of the row of a uuid box whose usertype lies at the given offset, such as
+    // "uuid{a2394f52-5a9b-4f14-a244-6c427c648df4}".
+    QString userTypeRow(quint64 at);
     int searchID(const QString &id, ElementMP4 *element);
 
     // Walks the boxes from begin up to end, one parseElement each, and returns the result
@@ -142,10 +145,30 @@ private:
     // The row of a box type, or null for a type the table does not know. A row keyed
     // "parent/*" serves the children of a parent type that have no row of their own.
     const ElementMP4 *rowOf(const QString &type) const;
+    // Deep analysis: the 32-bit zero that may end a list of atoms, when it is all that is left
+    // from position to end, is reported as a field of the list. Whether it was.
+    bool endsWithTerminator(quint64 position, quint64 end);
+    // Four type bytes as text, those of no printable character as escapes such as \x00.
+    static QString typeText(const char *bytes);
     // Runs the deep parser of a row over a payload.
     int parseDeepBox(const ElementMP4 &row, quint64 offset, quint64 size);
     // The samples of every track from its tables, told as deep analysis tells them.
     void walkTrackSamples();
+    // Walks the bytes a compressed movie (cmvd) inflates to as a child of its box, which lies
+    // at boxStart: the bytes are the input meanwhile, and stay with the parser to the end.
+    int walkInflated(const QByteArray &bytes, quint64 boxStart, quint64 boxSize);
+    // The bytes of every compressed movie inflated, kept for the noted boxes that lie in them,
+    // with the box in the file they come from, where the problems found in them are placed.
+    struct InflatedMovie {
+        std::unique_ptr<InputDevice> bytes;
+        quint64 boxStart;
+        quint64 boxSize;
+    };
+    std::vector<InflatedMovie> inflatedMovies;
+    // The device of the inflated bytes being walked; null while the file is.
+    InputDevice *inflatedSource = nullptr;
+    // The items of the file's top-level meta box, resolved and checked (items/).
+    void reportItems();
 
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.
@@ -181,6 +204,10 @@ private:
     };
     void noteProblem(const char *code, Severity severity, quint64 offset, quint64 size,
                      const QString &message, const QString &path);
+    // The same for bytes of the given source: the input when null, else inflated bytes, whose
+    // problems are placed on the box they were inflated from.
+    void noteProblemIn(const InputDevice *source, const char *code, Severity severity,
+                       quint64 offset, quint64 size, const QString &message, const QString &path);
     void checkBox(const BoxHeader &box);
     void checkPayload(int result, quint64 start, quint64 size, quint64 payloadSize);
     void checkWorkBudget(quint64 start, quint64 size);
@@ -263,4 +290,6 @@ extern "C" {
 SARVELINTH_MP4_EXPORT ContainerAbstract *createParser();
 SARVELINTH_MP4_EXPORT QString containerName();
 SARVELINTH_MP4_EXPORT QStringList supportedExtensions();
+// The other suffixes of the family, which deep analysis takes.
+SARVELINTH_MP4_EXPORT QStringList deepExtensions();
 }

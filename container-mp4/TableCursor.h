@@ -15,9 +15,10 @@ class TableCursor {
 public:
     // The records of width bytes from skip bytes into the table's payload on.
     TableCursor(InputDevice &input, const TableBox &table, quint64 skip, quint64 width)
-        : input(input)
+        : input(sourceOf(input, table))
         , begin(table.offset)
-        , end(table.present ? table.offset + qMin(table.size, input.bytesFrom(table.offset)) : 0)
+        , end(table.present ? table.offset + qMin(table.size, this->input.bytesFrom(table.offset))
+                            : 0)
         , position(table.present ? table.offset + skip : 0)
         , width(width)
     {

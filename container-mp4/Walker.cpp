@@ -31,10 +31,15 @@ int ContainerMP4::parseElement(quint64 *size)
     input.seek(qint64(start + 4));
     char typeBytes[5] = {};
     input.readBytes(typeBytes, 4);
-    const QString type = QString::fromLatin1(typeBytes);
+    // Deep analysis names a type of zero or control bytes by their escapes, never by an
+    // empty name.
+    const QString type = deepAnalysis ? typeText(typeBytes) : QString::fromLatin1(typeBytes);
     const bool isUuid = type.toLower() == QLatin1String("uuid");
 
-    const ElementMP4 *found = rowOf(type);
+    // A uuid box is known by its usertype, behind the size and type or behind the big size.
+    const ElementMP4 *found =
+        rowOf(isUuid ? userTypeRow(start + (declaredSize == 1 ? 16 : 8)) : type);
+    input.seek(qint64(start + 8));
     const bool known = found != nullptr;
     ElementMP4 row;
     if (known)
@@ -65,7 +70,15 @@ int ContainerMP4::parseElement(quint64 *size)
     // of the budget: a file whose boxes stay inside their parents then never reaches it,
     // however deep it nests.
     const bool tooDeep = depth >= MaxDepth;
-    const quint64 extent = tooDeep ? 0 : qMin(totalSize, inputSize - start);
+    // Deep analysis shows a box that declares more than its parent holds as far as the parent
+    // reaches, so that its bytes count once, inside the parent.
+    const quint64 parentEnd = levelEnds.empty() ? inputSize : levelEnds.back();
+    const quint64 declaredEnd = endOf(start, totalSize);
+    const bool clamped = deepAnalysis && !levelEnds.empty() && declaredEnd > parentEnd;
+    const quint64 shownSize = clamped ? parentEnd - start : totalSize;
+    // Clamped below its own header, the box has no payload to read.
+    const bool cutShort = clamped && shownSize < headerSize;
+    const quint64 extent = tooDeep ? 0 : qMin(shownSize, inputSize - start);
     if (workDone + extent > WorkBudgetFactor * inputSize) {
         walkStopped = true;
         checkWorkBudget(start, inputSize - start);
@@ -76,11 +89,15 @@ int ContainerMP4::parseElement(quint64 *size)
     workDone += extent;
 
     ++depth;
-    const quint64 parentEnd = levelEnds.empty() ? inputSize : levelEnds.back();
     enterBox(type);
-    beginElement(start, totalSize, type, -1);
-    *size = totalSize;
+    beginElement(start, shownSize, type, -1);
+    *size = shownSize;
     checkBox({start, declaredSize, totalSize, headerSize, parentEnd, known, invalidSize, tooDeep});
+    if (clamped) {
+        addElementNote(QStringLiteral("Declares %1 bytes; shown as far as its parent reaches.")
+                           .arg(totalSize));
+        totalSize = shownSize;
+    }
 
     reportField(start, 4, "size", Render::u64(declaredSize, sizeBase), sizeComment);
     reportField(start + 4, 4, "type", type);
@@ -92,10 +109,10 @@ int ContainerMP4::parseElement(quint64 *size)
         reportField(payload, 16, "usertype", uuid.toString());
         payload += 16;
     }
-    quint64 remaining = totalSize - (payload - start);
+    quint64 remaining = totalSize > payload - start ? totalSize - (payload - start) : 0;
     boxIsFull = false;
 
-    if (invalidSize) {
+    if (invalidSize || cutShort) {
         addElementNote(QStringLiteral("Invalid element size."));
         setElementState(ElementState::InvalidSize);
     } else if (tooDeep) {
@@ -161,6 +178,14 @@ const ContainerMP4::ElementMP4 *ContainerMP4::rowOf(const QString &type) const
     return row == elements.constEnd() ? nullptr : *row;
 }
 
+QString ContainerMP4::userTypeRow(quint64 at)
+{
+    input.seek(qint64(at));
+    QUuid uuid;
+    getUUID(&uuid);
+    return QStringLiteral("uuid") + uuid.toString();
+}
+
 int ContainerMP4::walkChildren(quint64 begin, quint64 end)
 {
     const quint64 inputEnd = quint64(input.size());
@@ -170,6 +195,8 @@ int ContainerMP4::walkChildren(quint64 begin, quint64 end)
     beginSiblings();
     levelEnds.push_back(end);
     while (position < end && position < inputEnd && !walkStopped) {
+        if (deepAnalysis && endsWithTerminator(position, end))
+            break;
         currentOffset = position;
         input.seek(qint64(position));
         quint64 childSize = 0;
@@ -180,6 +207,32 @@ int ContainerMP4::walkChildren(quint64 begin, quint64 end)
     }
     levelEnds.pop_back();
     return result;
+}
+
+bool ContainerMP4::endsWithTerminator(quint64 position, quint64 end)
+{
+    if (end - position != 4)
+        return false;
+    quint32 word = ~quint32(0);
+    input.seek(qint64(position));
+    if (input.readBytes(reinterpret_cast<char *>(&word), 4) != 4 || word != 0)
+        return false;
+    reportField(position, 4, "terminator", QStringLiteral("0"),
+                QStringLiteral("ends the list of atoms"));
+    return true;
+}
+
+QString ContainerMP4::typeText(const char *bytes)
+{
+    QString text;
+    for (int i = 0; i < 4; ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0))
+            text += QStringLiteral("\\x%1").arg(uint(byte), 2, 16, QLatin1Char('0'));
+        else
+            text += QChar(byte);
+    }
+    return text;
 }
 
 int ContainerMP4::siblingIndex(const QString &type)

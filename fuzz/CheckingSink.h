@@ -123,6 +123,15 @@ public:
             next->setElementValue(text);
     }
 
+    void setElementState(ElementState state) override
+    {
+        requireOpen("setElementState");
+        if (!open.empty() && state == ElementState::Inflated)
+            open.back().inflated = true;
+        if (next)
+            next->setElementState(state);
+    }
+
     void endElement() override
     {
         requireOpen("endElement");
@@ -131,8 +140,10 @@ public:
             open.pop_back();
             require(closing.firstChildOffset >= closing.offset,
                     "a child placed before the start of its element");
-            // An element learns its final offset only here (list entries set it late).
-            placeChild(closing.offset);
+            // An element learns its final offset only here (list entries set it late). One
+            // of inflated bytes has positions of its own, which place nothing in its parent.
+            if (!closing.inflated)
+                placeChild(closing.offset);
             if (closing.topLevel) {
                 const quint64 end = closing.offset + closing.size;
                 nextTopLevelOffset = end < closing.offset ? ~quint64(0) : end;
@@ -214,6 +225,16 @@ public:
             next->addTrackSample(sampleIndex, sample);
     }
 
+    void addItem(const Item &item) override
+    {
+        requireInReport("addItem");
+        require(open.empty() && !streamOpen, "an item inside an element or a stream");
+        if (item.extents)
+            require(item.extentsReason.isEmpty(), "an item with extents and a reason");
+        if (next)
+            next->addItem(item);
+    }
+
     void addProblem(const Problem &problem) override
     {
         requireInReport("addProblem");
@@ -271,6 +292,7 @@ private:
         quint64 size;
         quint64 firstChildOffset;
         bool topLevel;
+        bool inflated = false;
     };
 
     void placeChild(quint64 offset)

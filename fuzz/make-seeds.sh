@@ -1,6 +1,6 @@
 #!/bin/bash
-# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/: small well-formed files
-# that reach every kind of box the parser reads, so that the fuzzer starts from inputs
+# Writes the crafted seeds of the fuzz corpus into fuzz/corpus/, beside two small real images:
+# small well-formed files that reach every kind of box the parser reads, so that the fuzzer starts from inputs
 # that already get deep into the tree. Everything is built as hex text and turned into
 # bytes at the end, with nothing but bash and coreutils.
 set -euo pipefail
@@ -113,11 +113,84 @@ write fragmented.mp4 "$ftyp$(box moov "$mvhd0" "$(box mvex "$(full mehd 0 0 "$(u
     "$(u32 0)")" "$(full trun 0 1 "$(u32 1)" "$(u32 8)")")")$(box mdat "$(zeros 8)")"
 write odd-headers.mp4 "$(box free)$(box skip "$(zeros 3)")$(box uuid "$(str 0123456789abcdef)" \
     "$(str payload)")$(big mdat "$(zeros 4)")$(box wxyz "$(str 'unknown type')")$(u32 0)$(str free)$(zeros 5)"
+# QuickTime's boxes of drawing and loading, 3GPP's codec boxes, the SDP of hint tracks,
+# spherical video, spatial audio and uuid boxes known by their usertype.
+sound() { # TYPE BOXES-HEX
+    box "$1" "$(zeros 6)" "$(u16 1)" "$(zeros 8)" "$(u16 1)" "$(u16 16)" "$(zeros 4)" \
+        "$(u32 $((8000 << 16)))" "$2"
+}
+d263=$(box d263 "$(str FFMP)" "000a00" "$(box bitr "$(u32 64000)" "$(u32 128000)")")
+damr=$(box damr "$(str FFMP)" "00" "$(u16 0x81ff)" "0001")
+sv3d=$(box sv3d "$(full svhd 0 0 "$(str Tool)00")" "$(box proj "$(full prhd 0 0 "$(zeros 12)")" \
+    "$(full equi 0 0 "$(zeros 16)")")")
+sa3d=$(box SA3D "0000" "$(u32 1)" "0000" "$(u32 2)" "$(u32 0)" "$(u32 1)")
+stsd_legacy=$(full stsd 0 0 "$(u32 4)" "$(visual s263 "$d263")" \
+    "$(visual avc1 "$avcC$(full st3d 0 0 01)$sv3d")" "$(sound samr "$damr")" "$(sound mp4a "$sa3d")")
+xtra=$(box Xtra "$(u32 31)" "$(u32 4)" "$(str WM/X)" "$(u32 1)" "$(u32 14)" "$(u16 21)" "$(u64 7)" \
+    "$(u32 9)")
+legacy_trak=$(box trak "$(tkhd 0 64 48)" "$(box load "$(zeros 16)")" \
+    "$(box clip "$(box crgn "$(u16 10)" "$(zeros 8)")")" \
+    "$(box matt "$(full kmat 0 0 "$(u32 8)" "$(str 'raw ')")")" \
+    "$(box udta "$(box hnti "$(box 'sdp ' "$(str 'a=x')")")")" \
+    "$(box mdia "$(mdhd 0)" "$(hdlr vide VideoHandler)" "$(box minf "$vmhd" "$dinf" \
+    "$(box stbl "$stsd_legacy" "$stts" "$stss" "$stsc" "$stco" "$stsz")")")")
+piff_traf=$(box traf "$(full tfhd 0 0 "$(u32 1)")" \
+    "$(box uuid a2394f525a9b4f14a2446c427c648df4 00000000 "$(u32 1)" "$(zeros 8)")" \
+    "$(box uuid 6d1d9b0542d544e680e2141daff757b2 01000000 "$(u64 1)" "$(u64 2)")" \
+    "$(box uuid d4807ef2ca3946958e5426cb9e46a79f 00000000 01 "$(u32 3)" "$(u32 4)")")
+write legacy-boxes.mov "$ftyp$(box uuid be7acfcb97a942e89c71999491e3afac "$(str '<x/>')")$(box moov \
+    "$mvhd0" "$legacy_trak" "$(box ctab "$(zeros 6)" "$(u16 0)" "$(zeros 8)")" \
+    "$(box udta "$xtra" "$(box hnti "$(box 'rtp ' "$(str 'sdp v=0')")")")")$(box moof \
+    "$(full mfhd 0 0 "$(u32 1)")" "$piff_traf")$mdat"
 write empty.mp4 ""
 
+# QuickTime: a sound description of version 1 whose wave atom holds frma, mp4a, esds and a
+# terminator; a time code track (tmcd entry, gmhd with gmin and tcmi); a QuickTime meta without
+# version and flags; lists of atoms ending in terminators.
+wave=$(box wave "$(box frma "$(str mp4a)")" "$(box mp4a "$(u32 0)")" "$esds" "$(u32 0)")
+stsd_qt_sound=$(full stsd 0 0 "$(u32 1)" "$(box mp4a "$(zeros 6)" "$(u16 1)" "$(u16 1)" \
+    "$(zeros 6)" "$(u16 2)" "$(u16 16)" "$(u16 0xfffe)" "$(u16 0)" "$(u32 $((44100 << 16)))" \
+    "$(u32 1024)" "$(u32 0)" "$(u32 2)" "$(u32 2)" "$wave" "$(u32 0)")")
+qt_sound_trak=$(box trak "$(tkhd 0 0 0)" "$(box mdia "$(mdhd 0)" "$(hdlr soun SoundHandler)" \
+    "$(box minf "$smhd" "$dinf" "$(box stbl "$stsd_qt_sound" "$stts" "$stsc" "$stco" \
+    "$stsz_const")")")")
+stsd_tmcd=$(full stsd 0 0 "$(u32 1)" "$(box tmcd "$(zeros 6)" "$(u16 1)" "$(u32 0)" "$(u32 0)" \
+    "$(u32 25)" "$(u32 1)" "$(u8 25)" "$(u8 0)" "$(box name "$(u16 2)" "$(u16 0)" "$(str tc)")")")
+gmhd=$(box gmhd "$(full gmin 0 0 "$(u16 0x40)" "$(u16 0x8000)" "$(u16 0x8000)" "$(u16 0x8000)" \
+    "$(u16 0)" "$(u16 0)")" "$(box tmcd "$(full tcmi 0 0 "$(u16 0)" "$(u16 0)" "$(u16 12)" \
+    "$(u16 0)" "$(zeros 6)" "$(zeros 6)" "$(u8 5)" "$(str Times)")")")
+tmcd_trak=$(box trak "$(tkhd 0 0 0)" "$(box mdia "$(mdhd 0)" "$(hdlr tmcd TimeCodeHandler)" \
+    "$(box minf "$gmhd" "$dinf" "$(box stbl "$stsd_tmcd" "$stts" "$stsc" "$stco" \
+    "$stsz_const")")")")
+qt_udta=$(box udta "$(box meta "$(hdlr mdta '')" "$(u32 0)")" "$(u32 0)")
+ftyp_qt=$(box ftyp "$(str 'qt  ')" "$(u32 512)" "$(str 'qt  ')")
+write quicktime-wave-timecode.mov "$ftyp_qt$(box moov "$mvhd0" "$qt_sound_trak" "$tmcd_trak" \
+    "$qt_udta")$mdat"
+
+# A compressed movie: the movie box of video-track.mp4 in a zlib stream of one stored block,
+# which bash can write, with its Adler-32 checksum. The free box makes the size even, which
+# the fuzz target takes for deep analysis.
+adler32() { # HEX
+    local hex=$1 a=1 b=0 i
+    for ((i = 0; i < ${#hex}; i += 2)); do
+        a=$(((a + 16#${hex:i:2}) % 65521))
+        b=$(((b + a) % 65521))
+    done
+    u32 $((b << 16 | a))
+}
+le16() { printf '%02x%02x' $(($1 & 255)) $(($1 >> 8)); }
+inner_moov=$(box moov "$mvhd0" "$(video_trak 0 "$stsd_avc" "$stco" "$stsz" "")")
+inner_size=$((${#inner_moov} / 2))
+stored="7801$(u8 1)$(le16 $inner_size)$(le16 $((inner_size ^ 0xffff)))$inner_moov$(adler32 "$inner_moov")"
+write compressed-movie.mov "$ftyp_qt$(box moov "$(box cmov "$(box dcom "$(str zlib)")" \
+    "$(box cmvd "$(u32 $inner_size)" "$stored")")")$mdat$(box free "$(zeros 1)")"
+# Files of items, as heif-enc and avifenc write them (tests/data/make-image-files.sh): a HEIC
+# with thumbnails and an AVIF grid, which reach the item boxes, their properties and idat.
+data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
+cp "$data/image-two.heic" "$out/images-with-thumbnails.heic"
+cp "$data/image-grid.avif" "$out/image-grid.avif"
 # The small real files of H.264, HEVC and AV1, each followed by a free box that makes its size
 # a multiple of 4, so that the fuzz target reads the units of their samples.
-data="$(cd "$(dirname "$0")/../tests/data" && pwd)"
 for name in track-h264-bframes deep-hevc deep-av1; do
     hex=$(od -An -tx1 -v "$data/$name.mp4" | tr -d ' \n')
     pad=$(((4 - (${#hex} / 2 + 8) % 4) % 4))

@@ -21,7 +21,7 @@ ninja -C "$build" -j2 sarvelinth-fuzz >&2
 mkdir -p "$run" "$findings"
 cp -n "$root"/fuzz/corpus/* "$run"/ 2>/dev/null || true
 # Real files up to 64 KiB make good seeds; larger ones only slow every execution.
-for file in "$root"/samples/*.mp4 "$root"/tests/data/*.{mp4,m4a,mov,m4s} \
+for file in "$root"/samples/*.mp4 "$root"/tests/data/*.{mp4,m4a,mov,3gp,m4s} \
     "$root"/tests/data/regressions/*; do
     if [ -f "$file" ] && [ "$(stat -c %s "$file")" -le 65536 ]; then
         cp -n "$file" "$run/$(basename "$(dirname "$file")")-$(basename "$file")"

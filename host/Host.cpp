@@ -73,6 +73,15 @@ int reportFile(const QString &fileName, const std::vector<PluginLoader::Plugin> 
     problem = plugins.empty() ? QStringLiteral("no container plugin is loaded")
                               : QStringLiteral("not a supported container format (supported: %1)")
                                     .arg(supportedSuffixes(plugins));
+    // A suffix that only deep analysis takes: the refusal says how to read the file.
+    const QString suffix = QFileInfo(fileName).suffix().toLower();
+    for (const auto &plugin : plugins) {
+        if (!options.settings.deepAnalysis && !suffix.isEmpty() &&
+            plugin.deepExtensions.contains(suffix)) {
+            problem += QStringLiteral("; --deep reads .%1 files").arg(suffix);
+            break;
+        }
+    }
     fileMessage(err, fileName, problem);
     writer.reportError(fileName, problem);
     return ExitNotTaken;

@@ -69,6 +69,7 @@ void JsonWriter::beginReport(const QString &fileName, quint64 fileSize)
     inReport = true;
     hasStreams = false;
     inStream = false;
+    inItems = false;
     inProblems = false;
     hasProblems = false;
     listsClosed = false;
@@ -348,6 +349,11 @@ void JsonWriter::beginStream(int index, const StreamInfo &info)
     if (annotated) {
         out.appendLiteral(",\"codecName\":");
         string(info.codecName);
+        // Deep analysis writes it with the track's facts.
+        if (!info.track) {
+            out.appendLiteral(",\"handlerType\":");
+            string(info.handlerType);
+        }
     }
     out.appendLiteral(",\"configOffset\":");
     out.appendUnsigned(info.configOffset);
@@ -497,6 +503,97 @@ void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
     out.put('}');
 }
 
+void JsonWriter::addItem(const Item &item)
+{
+    if (!inReport || listsClosed || inProblems)
+        return;
+    if (inStream)
+        endStream();
+    leaveElements();
+    // The item list follows the stream list, which it closes.
+    out.appendCString(inItems ? "," : "],\"items\":[");
+    inItems = true;
+    out.appendLiteral("{\"id\":");
+    out.appendUnsigned(item.id);
+    out.appendLiteral(",\"type\":");
+    string(item.type);
+    out.appendLiteral(",\"name\":");
+    string(item.name);
+    out.appendLiteral(",\"contentType\":");
+    string(item.contentType);
+    out.appendCString(item.primary ? ",\"primary\":true" : ",\"primary\":false");
+    out.appendCString(item.hidden ? ",\"hidden\":true" : ",\"hidden\":false");
+    out.appendLiteral(",\"extents\":");
+    if (item.extents) {
+        char separator = '[';
+        for (const ItemExtent &extent : *item.extents) {
+            out.put(std::exchange(separator, ','));
+            out.appendLiteral("{\"offset\":");
+            out.appendUnsigned(extent.offset);
+            out.appendLiteral(",\"length\":");
+            out.appendUnsigned(extent.length);
+            out.put('}');
+        }
+        if (item.extents->empty())
+            out.put('[');
+        out.put(']');
+    } else {
+        out.appendLiteral("null,\"extentsReason\":");
+        string(item.extentsReason);
+    }
+    out.appendLiteral(",\"properties\":[");
+    bool first = true;
+    for (const ItemProperty &property : item.properties) {
+        if (!std::exchange(first, false))
+            out.put(',');
+        out.appendLiteral("{\"index\":");
+        out.appendUnsigned(property.index);
+        out.appendLiteral(",\"type\":");
+        if (property.path.isEmpty())
+            out.appendLiteral("null");
+        else
+            string(property.type);
+        out.appendCString(property.essential ? ",\"essential\":true" : ",\"essential\":false");
+        out.appendLiteral(",\"path\":");
+        if (property.path.isEmpty())
+            out.appendLiteral("null");
+        else
+            string(property.path);
+        out.put('}');
+    }
+    out.appendLiteral("],\"references\":[");
+    first = true;
+    for (const ItemReference &reference : item.references) {
+        if (!std::exchange(first, false))
+            out.put(',');
+        out.appendLiteral("{\"type\":");
+        string(reference.type);
+        out.appendCString(reference.outgoing ? ",\"direction\":\"to\"" : ",\"direction\":\"from\"");
+        out.appendLiteral(",\"items\":[");
+        bool firstId = true;
+        for (const quint32 id : reference.items) {
+            if (!std::exchange(firstId, false))
+                out.put(',');
+            out.appendUnsigned(id);
+        }
+        out.appendLiteral("]}");
+    }
+    out.appendLiteral("],\"width\":");
+    out.appendUnsigned(item.width);
+    out.appendLiteral(",\"height\":");
+    out.appendUnsigned(item.height);
+    if (const std::optional<ItemGrid> &grid = item.grid) {
+        out.appendLiteral(",\"grid\":{\"rows\":");
+        out.appendUnsigned(grid->rows);
+        out.appendLiteral(",\"columns\":");
+        out.appendUnsigned(grid->columns);
+        out.appendLiteral(",\"outputWidth\":");
+        out.appendUnsigned(grid->outputWidth);
+        out.appendLiteral(",\"outputHeight\":");
+        out.appendUnsigned(grid->outputHeight);
+        out.put('}');
+    }
+    out.put('}');
 void JsonWriter::writeUnits(const std::vector<SampleUnit> &units)
 {
     out.appendLiteral(",\"units\":[");

@@ -59,6 +59,7 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
 
@@ -113,6 +114,7 @@ private:
     bool hasStreams = false;
     bool inStream = false;
     bool streamHasSamples = false;
+    bool inItems = false;
     bool inProblems = false;
     bool hasProblems = false;
     bool listsClosed = false;

@@ -48,6 +48,9 @@ void PluginLoader::load(const QString &directory)
         }
         plugin.name = containerName();
         plugin.extensions = supportedExtensions();
+        if (const auto deepExtensions =
+                reinterpret_cast<SupportedExtensions>(library->resolve("deepExtensions")))
+            plugin.deepExtensions = deepExtensions();
         loaded.push_back(plugin);
         libraries.push_back(std::move(library));
     }

@@ -18,6 +18,9 @@ public:
         QString path;
         QString name;           // the plugin's containerName()
         QStringList extensions; // the plugin's supportedExtensions()
+        // The plugin's deepExtensions(), an optional entry point: the suffixes it takes only
+        // with deep analysis.
+        QStringList deepExtensions;
         ContainerAbstract *(*createParser)() = nullptr;
     };
 

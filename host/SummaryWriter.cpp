@@ -47,6 +47,8 @@ void SummaryWriter::beginReport(const QString &name, quint64 size)
     fileSize = size;
     file = FileFacts();
     streams.clear();
+    items = 0;
+    primaryItem.reset();
     std::fill(std::begin(problemCounts), std::end(problemCounts), 0);
     problemCodes.clear();
 }
@@ -88,6 +90,19 @@ void SummaryWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sampl
 {
     TeeWriter::addTrackSample(sampleIndex, sample);
     ++streams.back().samples;
+}
+
+void SummaryWriter::addItem(const Item &item)
+{
+    TeeWriter::addItem(item);
+    ++items;
+    if (item.primary && !primaryItem) {
+        // Only what the summary shows of it is kept.
+        primaryItem = Item();
+        primaryItem->type = item.type;
+        primaryItem->width = item.width;
+        primaryItem->height = item.height;
+    }
 }
 
 void SummaryWriter::addProblem(const Problem &problem)
@@ -135,6 +150,23 @@ void SummaryWriter::writeSummary()
         out.put('}');
     }
     out.put(']');
+    // Files without items keep the summary they have always had.
+    if (items > 0) {
+        out.appendLiteral(",\"items\":");
+        out.appendUnsigned(items);
+        out.appendLiteral(",\"primaryItem\":");
+        if (primaryItem) {
+            out.appendLiteral("{\"type\":");
+            string(primaryItem->type);
+            out.appendLiteral(",\"width\":");
+            out.appendUnsigned(primaryItem->width);
+            out.appendLiteral(",\"height\":");
+            out.appendUnsigned(primaryItem->height);
+            out.put('}');
+        } else {
+            out.appendLiteral("null");
+        }
+    }
     if (checked) {
         out.appendLiteral(",\"problems\":{");
         for (Severity severity : {Severity::Error, Severity::Warning, Severity::Info}) {

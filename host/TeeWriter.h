@@ -104,6 +104,11 @@ public:
         for (ReportSink *sink : sinks)
             sink->endStream();
     }
+    void addItem(const Item &item) override
+    {
+        for (ReportSink *sink : sinks)
+            sink->addItem(item);
+    }
     void addProblem(const Problem &problem) override
     {
         for (ReportSink *sink : sinks)

@@ -84,6 +84,71 @@ void TextWriter::leaveStreams()
         endStream();
 }
 
+// One line per item: "item 1: hvc1 64x64, primary, 1 extent of 1234 bytes at 567,
+// 4 properties, thmb from 2".
+void TextWriter::addItem(const Item &item)
+{
+    if (!inReport || problemsBegun)
+        return;
+    leaveStreams();
+    out.appendLiteral("item ");
+    out.appendUnsigned(item.id);
+    out.appendLiteral(": ");
+    text(item.type);
+    if (item.width != 0 || item.height != 0) {
+        out.put(' ');
+        out.appendUnsigned(item.width);
+        out.put('x');
+        out.appendUnsigned(item.height);
+    }
+    if (item.grid) {
+        out.appendLiteral(", grid of ");
+        out.appendUnsigned(item.grid->rows);
+        out.put('x');
+        out.appendUnsigned(item.grid->columns);
+    }
+    if (!item.name.isEmpty()) {
+        out.appendLiteral(" \"");
+        text(item.name);
+        out.put('"');
+    }
+    if (item.primary)
+        out.appendLiteral(", primary");
+    if (item.hidden)
+        out.appendLiteral(", hidden");
+    if (item.extents) {
+        quint64 bytes = 0;
+        for (const ItemExtent &extent : *item.extents)
+            bytes += extent.length;
+        out.appendLiteral(", ");
+        out.appendUnsigned(item.extents->size());
+        out.appendCString(item.extents->size() == 1 ? " extent of " : " extents of ");
+        out.appendUnsigned(bytes);
+        out.appendLiteral(" bytes");
+        if (!item.extents->empty()) {
+            out.appendLiteral(" at ");
+            out.appendUnsigned(item.extents->front().offset);
+        }
+    } else {
+        out.appendLiteral(", no extents: ");
+        text(item.extentsReason);
+    }
+    out.appendLiteral(", ");
+    out.appendUnsigned(item.properties.size());
+    out.appendCString(item.properties.size() == 1 ? " property" : " properties");
+    for (const ItemReference &reference : item.references) {
+        out.appendLiteral(", ");
+        text(reference.type);
+        out.appendCString(reference.outgoing ? " to " : " from ");
+        for (size_t i = 0; i < reference.items.size(); ++i) {
+            if (i > 0)
+                out.put(' ');
+            out.appendUnsigned(reference.items[i]);
+        }
+    }
+    out.put('\n');
+}
+
 void TextWriter::addProblem(const Problem &problem)
 {
     if (!inReport)
@@ -132,6 +197,11 @@ void TextWriter::setCoverage(const Coverage &coverage)
     for (const auto &part : parts) {
         out.appendCString(part.label);
         out.appendUnsigned(part.bytes);
+    }
+    // Only files of items have item data: the line of every other file stays as it was.
+    if (coverage.itemData > 0) {
+        out.appendLiteral(" + item data ");
+        out.appendUnsigned(coverage.itemData);
     }
     out.put('\n');
 }

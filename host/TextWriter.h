@@ -38,6 +38,7 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
 

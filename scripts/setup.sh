@@ -10,7 +10,7 @@ fi
 
 # What building and running needs.
 BUILD_PACKAGES=(cmake ninja-build g++ qt6-base-dev qt6-httpserver-dev qt6-websockets-dev
-    libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+    libgtest-dev libgmock-dev libbenchmark-dev pkg-config zlib1g-dev)
 # What ./batch needs on top: Dask distributed runs the tool over many files.
 BATCH_PACKAGES=(python3 python3-distributed)
 # What the tests need on top: FFmpeg makes test files, clang builds the fuzz target, Debian's
@@ -79,6 +79,21 @@ ensure_browser_test() {
     fi
 }
 
+# ensure_node_files: installs the pinned mediabunny and mux.js in tests/data/node/node_modules
+# (npm ci, when missing or older than the lock file), with which
+# tests/data/node/make-node-files.mjs remakes the committed files of the Node muxers. A
+# failure only warns: the committed files serve the tests either way.
+ensure_node_files() {
+    local dir=$SARVELINTH_ROOT/tests/data/node
+    command -v npm >/dev/null || return 0
+    if [ ! -f "$dir/node_modules/.package-lock.json" ] ||
+        [ "$dir/package-lock.json" -nt "$dir/node_modules/.package-lock.json" ]; then
+        echo "sarvelinth: installing the node modules that make tests/data/node-*" >&2
+        (cd "$dir" && npm ci --no-audit --no-fund >&2) ||
+            echo "sarvelinth: npm ci failed in tests/data/node" >&2
+    fi
+}
+
 # build_tree DIR [CMAKE_ARGUMENT...]: configures DIR (relative to the repository) when it
 # is new or when arguments are given, then builds it. Ninja reconfigures by itself when
 # a CMakeLists.txt changes. DIR/.build-stamp then bears the time the build started, so
@@ -104,7 +119,8 @@ build_tree_if_stale() {
         newer=$(find "$root/CMakeLists.txt" "$root/container-abstract" "$root/container-mp4" \
             "$root/host" "$root/tests" "$root/bench" "$root/fuzz" "$root/scripts" \
             "$dir/CMakeCache.txt" /var/lib/dpkg/status \
-            -path "$root/tests/browser/node_modules" -prune -o -newer "$dir/.build-stamp" \
+            -path "$root/tests/browser/node_modules" -prune -o \
+            -path "$root/tests/data/node/node_modules" -prune -o -newer "$dir/.build-stamp" \
             -print -quit 2>/dev/null)
         [ -z "$newer" ] && return 0
     fi

@@ -138,6 +138,59 @@ TEST(Checks, EachDamageGivesItsProblems)
     expectGolden(QStringLiteral("Checks/problems"), all);
 }
 
+// A compressed movie around a movie box: dcom names zlib, cmvd holds the declared size and the
+// movie deflated.
+QByteArray compressedMovie(const QByteArray &moov, quint32 declaredSize)
+{
+    // qCompress puts the size in front of the zlib stream.
+    const QByteArray deflated = qCompress(moov, 9).mid(4);
+    return box("moov",
+               box("cmov", box("dcom", text("zlib")) + box("cmvd", u32(declaredSize) + deflated)));
+}
+
+// With deep analysis: QuickTime's lists of atoms ending in a terminator, a box past its parent
+// with media behind it, and compressed movies, bounded and damaged.
+TEST(Checks, QuickTimeListsCompressedMoviesAndBoxesPastTheirParents)
+{
+    const QByteArray ftyp = box("ftyp", text("qt  ") + u32(0) + text("qt  "));
+    const QByteArray moov = box("moov", mvhd() + videoTrack(goodTables()));
+    const QByteArray inflatesFar = box("moov", zeros(1 << 20));
+    const QByteArray damaged = compressedMovie(moov, quint32(moov.size()));
+    const QByteArray unknownInside = box("moov", mvhd() + box("zzzz", zeros(4)));
+    const auto pastParentAt = [&](quint32 samples) {
+        return box("moov",
+                   mvhd() +
+                       videoTrack(cat({stsd(), table("stts", {{3, 10}}), table("stsc", {{1, 3, 1}}),
+                                       stszConstant(8, 3), counted("stco", {samples})})) +
+                       u32(4000) + text("udta"));
+    };
+    const quint32 samples = quint32(ftyp.size() + pastParentAt(0).size() + 8);
+    const QByteArray pastParent = cat({ftyp, pastParentAt(samples), box("mdat", zeros(24))});
+    const std::pair<const char *, QByteArray> cases[] = {
+        {"terminators ending udta and a QuickTime meta",
+         movie(goodTables(), box("udta", cat({box("name", text("Movie")),
+                                              box("meta", handlerBox("mdir") + u32(0)), u32(0)})))},
+        // The last child of the moov claims 4000 bytes: the samples in the mdat behind the moov
+        // stay sample data.
+        {"a box past its parent with the media behind", pastParent},
+        {"a compressed movie",
+         cat({ftyp, box("mdat", zeros(24)), compressedMovie(moov, quint32(moov.size()))})},
+        {"a compressed movie of another declared size",
+         cat({ftyp, box("mdat", zeros(24)), compressedMovie(moov, 99)})},
+        {"a compressed movie that inflates to far more than its box",
+         cat({ftyp, compressedMovie(inflatesFar, quint32(inflatesFar.size()))})},
+        {"a compressed movie cut short", cat({ftyp, damaged.left(damaged.size() - 10)})},
+        {"a compressed movie with an unknown box inside",
+         cat({ftyp, box("mdat", zeros(24)),
+              compressedMovie(unknownInside, quint32(unknownInside.size()))})},
+    };
+    QString all;
+    for (const auto &[name, input] : cases)
+        all +=
+            QStringLiteral("== ") + QLatin1String(name) + '\n' + problemsOf(checked(input, true));
+    expectGolden(QStringLiteral("Checks/quicktime"), all);
+}
+
 // Movie fragments, with deep analysis: a gap in the sequence numbers, a tfdt that does not go
 // on from the samples before it, and a run whose data is not in an mdat.
 TEST(Checks, FragmentDamageGivesItsProblems)
@@ -199,25 +252,49 @@ TEST(Checks, EveryCutAtABoxBoundaryIsFoundWhereItIs)
 }
 
 // The real files of the tests give no error and no warning, with or without deep analysis; and
-// the parts of their coverage add up to their size.
+// the parts of their coverage add up to their size. mux.js numbers the fragments of each track
+// from 0 on its own, so that its file repeats a sequence number: a true warning.
 TEST(Checks, RealFilesHaveNoErrorsOrWarnings)
 {
     const QDir data(SourceDir + "/tests/data");
     QStringList paths = {SourceDir + "/samples/sample.mp4"};
-    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
+    for (const QString &name :
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.3gp", "*.m4s", "*.heic", "*.avif"},
+                        QDir::Files))
         paths << data.filePath(name);
     for (const QString &path : paths) {
         for (const bool deep : {false, true}) {
             SCOPED_TRACE((path + (deep ? " deep" : "")).toStdString());
             const ReportTree report = checked(readFile(path), deep);
-            for (const Problem &problem : report.problems)
+            for (const Problem &problem : report.problems) {
+                if (path.endsWith("node-muxjs.mp4") && problem.code == "fragment-sequence-gap")
+                    continue;
                 EXPECT_EQ(problem.severity, Severity::Info) << problem.message.toStdString();
+            }
             ASSERT_TRUE(report.coverage);
             const Coverage &c = *report.coverage;
-            EXPECT_EQ(c.structure + c.sampleData + c.unreferencedMediaData + c.filler + c.unknown +
-                          c.trailing,
+            EXPECT_EQ(c.structure + c.sampleData + c.itemData + c.unreferencedMediaData + c.filler +
+                          c.unknown + c.trailing,
                       c.fileSize);
         }
+    }
+}
+
+// The files of GStreamer's muxers, QuickTime's among them, give no error with deep analysis: the
+// terminators of their lists of atoms are no boxes; and their coverage adds up.
+TEST(Checks, GStreamerFilesHaveNoErrorsWithDeepAnalysis)
+{
+    const QDir data(SourceDir + "/tests/data/gstreamer");
+    const QStringList names = data.entryList({"*.mp4", "*.mov"}, QDir::Files);
+    EXPECT_GE(names.size(), 6);
+    for (const QString &name : names) {
+        SCOPED_TRACE(name.toStdString());
+        const ReportTree report = checked(readFile(data.filePath(name)), true);
+        for (const Problem &problem : report.problems)
+            EXPECT_NE(problem.severity, Severity::Error) << problem.message.toStdString();
+        ASSERT_TRUE(report.coverage);
+        EXPECT_GT(report.coverage->sampleData, 0u);
+        EXPECT_EQ(report.coverage->unknown, 0u);
     }
 }
 

@@ -162,7 +162,8 @@ TEST(Host, ExitStatusesAndMessages)
         {{"--output", report, "--format", "json", SampleFile, "no.mp4"}, 1, ok + "sarvelinth: no.mp4: no such file\n"},
         {{"-o", SampleFile, SampleFile}, 2, "sarvelinth: " + SampleFile + ": is an input file; not overwritten\n"},
         {{"-o", none + "/missing/x", SampleFile}, 1, "sarvelinth: " + none + "/missing/x: cannot write: No such file or directory\n"},
-        {{movie}, 3, "sarvelinth: " + movie + ": not a supported container format (supported: mp4, f4v)\n"},
+        // A suffix that deep analysis takes: the message says how to read it.
+        {{movie}, 3, "sarvelinth: " + movie + ": not a supported container format (supported: mp4, f4v); --deep reads .mov files\n"},
         // The worst problem of several files decides; a report that cannot be written does not
         // stop the files behind it.
         {{"no.mp4", movie, SampleFile}, 3, "sarvelinth: no.mp4: no such file\nsarvelinth: " + movie + ": not a supported...\n" + ok},

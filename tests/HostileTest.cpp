@@ -4,6 +4,7 @@
 // capped, so that runaway allocation fails the test instead of slowing the machine.
 
 #include "CheckingSink.h"
+#include "ItemSupport.h"
 #include "Support.h"
 
 #include <QDir>
@@ -134,6 +135,43 @@ QByteArray movie(const QByteArray &tables, const char *handler = "vide",
                box("trak", trakBoxes + box("mdia", hdlr + box("minf", box("stbl", tables)))));
 }
 
+// A zlib stream that would inflate to count times 258 zero bytes and more: a zero, then count
+// copies of the 258 bytes behind it, in a block of the fixed codes, without its end.
+QByteArray inflatesToZeros(quint32 count)
+{
+    QByteArray stream("\x78\x01", 2);
+    quint32 bits = 0;
+    int used = 0;
+    const auto put = [&](quint32 value, int width) { // least significant bit first
+        for (int i = 0; i < width; ++i) {
+            bits |= ((value >> i) & 1) << used;
+            if (++used == 8) {
+                stream += char(bits);
+                bits = 0;
+                used = 0;
+            }
+        }
+    };
+    const auto code = [&](quint32 value, int width) { // most significant bit first
+        for (int i = width - 1; i >= 0; --i)
+            put((value >> i) & 1, 1);
+    };
+    put(1, 1);     // the last block
+    put(1, 2);     // of the fixed codes
+    code(0x30, 8); // the literal 0
+    for (quint32 i = 0; i < count; ++i) {
+        code(0xC5, 8); // length 258
+        code(0, 5);    // distance 1
+    }
+    return stream;
+}
+
+QByteArray compressedMovie(quint32 declaredSize, const QByteArray &deflated)
+{
+    return box("moov",
+               box("cmov", box("dcom", text("zlib")) + box("cmvd", u32(declaredSize) + deflated)));
+}
+
 // A video track of one avc1 or hvc1 entry around config and one sample of the given bytes
 // behind the movie.
 QByteArray codedMovie(const char *entryType, const QByteArray &config, const QByteArray &sample)
@@ -222,6 +260,13 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         {"TrunCountAndDataPastTheEnd", box("moof", box("traf", fullBox("tfhd", 0, 0, u32(1)) + fullBox("trun", 1, 0xF05, words({Max, 0x7FFFFFFF, 0, 1, 2, 3, 4}))))},
         {"TfhdWithEveryFlag", box("moof", box("traf", fullBox("tfhd", 0, 0xFFFFFF, words({1, Max, Max, 5, 6, 7, Max})) + fullBox("trun", 0, 0xFFFFFF, words({3, 0, 0, 1, 2, 3, 4}))))},
         {"MillionEmptyMoofs", header(8, "moof").repeated(1000000)},
+        // QuickTime: a compressed movie that would inflate to a gigabyte of zeros, one that
+        // inflates to a movie nested as deep as the walk goes, wave atoms inside each other
+        // and terminators where no list ends.
+        {"CompressedMovieOfAGigabyte", compressedMovie(Max, inflatesToZeros(1u << 22))},
+        {"CompressedMovieNestedDeep", compressedMovie(80000, qCompress(deep.left(80000)).mid(4))},
+        {"WaveAtomsNestedDeep", header(0, "wave").repeated(1000) + u32(0)},
+        {"TerminatorsEverywhere", box("moov", box("udta", u32(0) + box("meta", u32(0)) + u32(0)) + u32(0) + u32(0))},
         // Bitstreams: Exp-Golomb codes of 32 and more leading zeros, parameter sets of all
         // ones (the largest counts of reference frames, scaling lists and sub-layers each
         // code can give), and a sample of a million units of length 0.
@@ -233,10 +278,11 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         {"MillionZeroLengthUnits", codedMovie("avc1", avcConfig(66, u8(0x80)), zeros(4000000))},
     };
     // clang-format on
+    cases += items::hostileItemFiles();
     const QDir kept(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data/regressions"));
     for (const QString &name : kept.entryList(QDir::Files, QDir::Name))
         cases.append({name, readWholeFile(kept.filePath(name))});
-    EXPECT_GT(cases.size(), 29);
+    EXPECT_GT(cases.size(), 33);
     for (const auto &[name, input] : cases) {
         // A balanced report of at most a few nodes per byte, however often the walk comes
         // back to a byte and whatever the counts claim; 64 levels of boxes and a couple of
@@ -344,7 +390,8 @@ TEST(Swept, DamagedHeadersAndCountsGiveBoundedBalancedReports)
 {
     const QDir data(QStringLiteral(SARVELINTH_SOURCE_DIR "/tests/data"));
     QStringList paths = {SARVELINTH_SOURCE_DIR "/samples/sample.mp4"};
-    for (const QString &name : data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s"}, QDir::Files))
+    for (const QString &name :
+         data.entryList({"*.mp4", "*.m4a", "*.mov", "*.m4s", "*.heic", "*.avif"}, QDir::Files))
         paths << data.filePath(name);
     std::mt19937 random(20261123u);
     for (const QString &path : paths) {

@@ -101,9 +101,20 @@ void ProblemChecker::beginReport(const QString &fileName, quint64 size)
     next.beginReport(fileName, size);
 }
 
+ProblemChecker::Range ProblemChecker::insideParent(quint64 offset, quint64 size) const
+{
+    const Range range{offset, endOf(offset, size)};
+    if (openElements.empty())
+        return range;
+    const Range &parent = openElements.back();
+    if (offset < parent.begin || offset >= parent.end)
+        return {parent.begin, parent.begin};
+    return {offset, std::min(range.end, parent.end)};
+}
+
 void ProblemChecker::beginElement(quint64 offset, quint64 size, const QString &name, qint64 index)
 {
-    openElements.push_back({offset, endOf(offset, size)});
+    openElements.push_back(insideParent(offset, size));
     next.beginElement(offset, size, name, index);
 }
 
@@ -158,9 +169,9 @@ void ProblemChecker::addPayloadField(quint64 offset, quint64 size, const QString
                                      Payload payload)
 {
     if (payload == Payload::MediaData)
-        mediaData.push_back({offset, endOf(offset, size)});
+        mediaData.push_back(insideParent(offset, size));
     else if (payload == Payload::Filler)
-        filler.push_back({offset, endOf(offset, size)});
+        filler.push_back(insideParent(offset, size));
     next.addPayloadField(offset, size, name, payload);
 }
 
@@ -259,6 +270,15 @@ void ProblemChecker::endStream()
     next.endStream();
 }
 
+void ProblemChecker::addItem(const Item &item)
+{
+    if (item.extents) {
+        for (const ItemExtent &extent : *item.extents)
+            itemData.push_back({extent.offset, endOf(extent.offset, extent.length)});
+    }
+    next.addItem(item);
+}
+
 void ProblemChecker::addProblem(const Problem &problem)
 {
     // A box that the walk comes back to, reaching past its parent, shows its problems again.
@@ -306,10 +326,18 @@ Coverage ProblemChecker::finishSamples()
         return all;
     }());
     const std::vector<Range> bytesFiller = without(united(filler), taken);
+    // The bytes of items, wherever they lie, are theirs before they are media data.
+    const std::vector<Range> bytesItems =
+        without(united(itemData), united([&] {
+                    std::vector<Range> all = taken;
+                    all.insert(all.end(), bytesFiller.begin(), bytesFiller.end());
+                    return all;
+                }()));
     const std::vector<Range> bytesMedia =
         without(united(mediaData), united([&] {
                     std::vector<Range> all = taken;
                     all.insert(all.end(), bytesFiller.begin(), bytesFiller.end());
+                    all.insert(all.end(), bytesItems.begin(), bytesItems.end());
                     return all;
                 }()));
     Coverage coverage = emptyMap(fileSize);
@@ -317,6 +345,7 @@ Coverage ProblemChecker::finishSamples()
     addToMap(coverage, &CoverageParts::unknown, bytesUnknown);
     addToMap(coverage, &CoverageParts::filler, bytesFiller);
     addToMap(coverage, &CoverageParts::unreferencedMediaData, bytesMedia);
+    addToMap(coverage, &CoverageParts::itemData, bytesItems);
 
     // The samples in order: their union within the media data, and where one begins before
     // the one before it has ended.
@@ -391,7 +420,7 @@ Coverage ProblemChecker::finishSamples()
         parts.unreferencedMediaData -= parts.sampleData;
         const quint64 length =
             std::min(coverage.cellSize, fileSize - quint64(cell) * coverage.cellSize);
-        parts.structure = length - parts.trailing - parts.unknown - parts.filler -
+        parts.structure = length - parts.trailing - parts.unknown - parts.filler - parts.itemData -
                           parts.sampleData - parts.unreferencedMediaData;
     }
     coverage.trailing = total(bytesTrailing);
@@ -399,15 +428,16 @@ Coverage ProblemChecker::finishSamples()
     coverage.filler = total(bytesFiller);
     coverage.sampleData = sampleBytes;
     coverage.unreferencedMediaData = total(bytesMedia) - sampleBytes;
-    coverage.structure =
-        fileSize - coverage.trailing - coverage.unknown - coverage.filler - total(bytesMedia);
+    coverage.itemData = total(bytesItems);
+    coverage.structure = fileSize - coverage.trailing - coverage.unknown - coverage.filler -
+                         coverage.itemData - total(bytesMedia);
     return coverage;
 }
 
 void ProblemChecker::endReport()
 {
     // Ranges reach no further than the file.
-    for (std::vector<Range> *ranges : {&mediaData, &filler, &unknown, &trailing}) {
+    for (std::vector<Range> *ranges : {&mediaData, &filler, &unknown, &trailing, &itemData}) {
         for (Range &range : *ranges) {
             range.begin = std::min(range.begin, fileSize);
             range.end = std::min(range.end, fileSize);

@@ -18,8 +18,8 @@
 // the report ends.
 //
 // Memory: the media data, filler, unknown and trailing ranges (as many as the file has such
-// boxes), 16 bytes per sample for the checks that need the samples in the order of their
-// offsets, and at most MaxProblems problems; beyond those only their number is kept.
+// boxes), the extents of items, 16 bytes per sample for the checks that need the samples in the
+// order of their offsets, and at most MaxProblems problems; beyond those only their number is kept.
 class SARVELINTH_ABSTRACT_EXPORT ProblemChecker : public ReportSink {
 public:
     static constexpr size_t MaxProblems = 10000;
@@ -50,6 +50,7 @@ public:
     void addSample(quint64 sampleIndex, const Sample &sample) override;
     void addTrackSample(quint64 sampleIndex, const TrackSample &sample) override;
     void endStream() override;
+    void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
 
 private:
@@ -72,6 +73,11 @@ private:
         quint64 firstSize = 0;
     };
 
+    // The bytes from offset on that lie inside the innermost open element: the bytes of an
+    // element or payload count once, inside its parent, however far it declares to reach.
+    // None for one that begins outside its parent, such as an element whose positions lie in
+    // bytes inflated from the file rather than in the file.
+    Range insideParent(quint64 offset, quint64 size) const;
     void checkSample(quint64 sampleIndex, quint64 offset, quint64 size);
     // A problem of the samples tallied: what one or many of them do.
     void tallyProblem(const Tally &tally, const char *code, Severity severity, const QString &one,
@@ -83,6 +89,7 @@ private:
     quint64 fileSize = 0;
     std::vector<Range> openElements;
     std::vector<Range> mediaData, filler, unknown, trailing;
+    std::vector<Range> itemData; // the extents of items
     std::deque<SampleRange> samples;
     // Where the samples of each stream begin among them, and whether each stream's come in the
     // order of their offsets.

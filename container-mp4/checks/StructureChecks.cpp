@@ -74,6 +74,21 @@ const char *ordinal(int index)
 void ContainerMP4::noteProblem(const char *code, Severity severity, quint64 offset, quint64 size,
                                const QString &message, const QString &path)
 {
+    noteProblemIn(inflatedSource, code, severity, offset, size, message, path);
+}
+
+void ContainerMP4::noteProblemIn(const InputDevice *source, const char *code, Severity severity,
+                                 quint64 offset, quint64 size, const QString &message,
+                                 const QString &path)
+{
+    for (const InflatedMovie &movie : inflatedMovies) {
+        if (source && movie.bytes.get() == source) {
+            reportProblem(
+                {QString::fromLatin1(code), severity, movie.boxStart, movie.boxSize, path,
+                 QStringLiteral("in the inflated movie at %1: %2").arg(offset).arg(message)});
+            return;
+        }
+    }
     reportProblem({QString::fromLatin1(code), severity, offset, size, path, message});
 }
 

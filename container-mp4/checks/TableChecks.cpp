@@ -296,7 +296,8 @@ void ContainerMP4::checkTracks()
         TrackTableCheck(input, track, movieTimescale,
                         [this](const char *code, Severity severity, const TableBox &box,
                                const QString &message) {
-                            noteProblem(code, severity, box.offset, box.size, message, box.path);
+                            noteProblemIn(box.source, code, severity, box.offset, box.size, message,
+                                          box.path);
                         })
             .run();
     }
@@ -313,7 +314,9 @@ void ContainerMP4::checkTracks()
                     QStringLiteral("no ftyp box stands in front of the %1 box")
                         .arg(moov < mdat ? "moov" : "mdat"),
                     QString());
-    if (mdat != none && moov == none && !segment)
+    // A file of items, such as a HEIF image, tells its media data in its top-level meta box.
+    const bool items = firstTopLevel.contains(QStringLiteral("meta"));
+    if (mdat != none && moov == none && !segment && !items)
         noteProblem("missing-box", Severity::Error, mdat, 0,
                     QStringLiteral("the file has media data but no moov box to tell its samples"),
                     QString());

@@ -544,6 +544,39 @@ int parseAlacConfiguration(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
+// d263: the H.263 decoder of 3GPP files: who wrote the stream, its level and profile, then
+// child boxes such as bitr.
+int parseH263Configuration(PayloadReader &box)
+{
+    box.fourcc("vendor");
+    box.u8("decoder_version");
+    box.u8("h263_level");
+    box.u8("h263_profile");
+    return box.walkChildren();
+}
+
+// bitr of an H.263 entry: its average and highest bit rate.
+int parseH263BitRate(PayloadReader &box)
+{
+    box.u32("avg_bitrate", QStringLiteral("bits per second"));
+    box.u32("max_bitrate", QStringLiteral("bits per second"));
+    box.rest();
+    return ContainerAbstract::ParseOk;
+}
+
+// damr: the AMR decoder: the modes the stream may use, one bit each, and the frames in each
+// sample.
+int parseAmrConfiguration(PayloadReader &box)
+{
+    box.fourcc("vendor");
+    box.u8("decoder_version");
+    box.u16("mode_set", QStringLiteral("bit n: mode n used"));
+    box.u8("mode_change_period", QStringLiteral("in frames; 0: not restricted"));
+    box.u8("frames_per_sample");
+    box.rest();
+    return ContainerAbstract::ParseOk;
+}
+
 } // namespace
 
 DeepRows codecConfigurationRows()
@@ -560,5 +593,8 @@ DeepRows codecConfigurationRows()
         {"dec3", DeepPlain, 0, parseEac3Configuration},
         {"dfLa", DeepPlain, 1, parseFlacConfiguration},
         {"alac", DeepPlain, 1, parseAlacConfiguration},
+        {"d263", DeepPlain, 0, parseH263Configuration},
+        {"bitr", DeepPlain, 0, parseH263BitRate},
+        {"damr", DeepPlain, 0, parseAmrConfiguration},
     };
 }

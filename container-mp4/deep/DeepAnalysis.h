@@ -1,5 +1,6 @@
 #pragma once
 
+#include "items/ItemWalk.h"
 #include "samples/TrackContext.h"
 
 #include <QStringList>
@@ -37,4 +38,8 @@ public:
     // The key values of the keys box of the metadata box being walked, for the items of
     // its ilst that stand for a key by its index (1 for the first).
     QStringList metadataKeys;
+    // The compression type of the dcom of the compressed movie being walked.
+    QString movieCompression;
+    // The items of the file's top-level meta box.
+    ItemWalk items;
 };

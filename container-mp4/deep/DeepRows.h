@@ -29,3 +29,7 @@ DeepRows protectionRows();         // common encryption: sinf, tenc, pssh, senc
 DeepRows segmentRows();            // segment indexes, events, random access and other extras
 DeepRows trackBoxRows();           // track and data references, media headers, QuickTime boxes
 DeepRows userDataRows();           // udta, meta, keys, ilst items and QuickTime text atoms
+DeepRows quickTimeMovieRows();     // QuickTime's compressed movies and reference movies
+DeepRows quickTimeRows();          // QuickTime's preload, clipping, matte, colour table, Xtra
+DeepRows sphericalVideoRows();     // spatial audio, stereoscopic and spherical video
+DeepRows userTypeRows();           // uuid boxes known by their usertype: XMP, Smooth Streaming

@@ -1,6 +1,7 @@
 #include "DeepAnalysis.h"
 #include "DeepRows.h"
 #include "PayloadReader.h"
+#include "items/ItemRows.h"
 
 void ContainerMP4::addDeepRows()
 {
@@ -15,6 +16,12 @@ void ContainerMP4::addDeepRows()
              segmentRows(),
              trackBoxRows(),
              userDataRows(),
+             quickTimeMovieRows(),
+             quickTimeRows(),
+             sphericalVideoRows(),
+             userTypeRows(),
+             itemRows(),
+             itemPropertyRows(),
          }) {
         for (const DeepRow &row : family) {
             const QString type = QString::fromUtf8(row.type);

@@ -30,39 +30,6 @@ constexpr CodeName DescriptorNames[] = {
     {0x11, "MP4_OD"},
 };
 
-constexpr CodeName ObjectTypes[] = {
-    {0x20, "MPEG-4 Visual"},
-    {0x21, "H.264"},
-    {0x22, "H.264 parameter sets"},
-    {0x23, "H.265"},
-    {0x40, "MPEG-4 Audio"},
-    {0x60, "MPEG-2 Visual Simple"},
-    {0x61, "MPEG-2 Visual Main"},
-    {0x62, "MPEG-2 Visual SNR"},
-    {0x63, "MPEG-2 Visual Spatial"},
-    {0x64, "MPEG-2 Visual High"},
-    {0x65, "MPEG-2 Visual 4:2:2"},
-    {0x66, "MPEG-2 AAC Main"},
-    {0x67, "MPEG-2 AAC LC"},
-    {0x68, "MPEG-2 AAC SSR"},
-    {0x69, "MPEG-2 Audio (MP3, MP2)"},
-    {0x6A, "MPEG-1 Visual"},
-    {0x6B, "MPEG-1 Audio (MP3, MP2)"},
-    {0x6C, "JPEG"},
-    {0x6D, "PNG"},
-    {0x6E, "JPEG 2000"},
-    {0xA3, "VC-1"},
-    {0xA4, "Dirac"},
-    {0xA5, "AC-3"},
-    {0xA6, "E-AC-3"},
-    {0xA9, "DTS"},
-    {0xAA, "DTS-HD High Resolution"},
-    {0xAB, "DTS-HD Master Audio"},
-    {0xAC, "DTS Express"},
-    {0xAD, "Opus"},
-    {0xFF, "no object type specified"},
-};
-
 constexpr CodeName StreamTypes[] = {
     {0x01, "object descriptor"},
     {0x02, "clock reference"},
@@ -473,7 +440,8 @@ void decoderConfigDescriptor(PayloadReader &box, quint64 end, Context context)
     if (leftBefore(box, end) < 13)
         return;
     context.objectType = box.peekUnsigned(1);
-    box.u8("object_type_indication", nameOf(ObjectTypes, context.objectType));
+    box.u8("object_type_indication",
+           QString::fromLatin1(objectTypeName(quint8(context.objectType))));
     // The object type tells the codec of an MPEG-4 entry more exactly than its type does.
     const Codec *codec = codecOfObjectType(quint8(context.objectType));
     if (StreamInfo *stream = box.stream(); stream && codec && box.ok()) {

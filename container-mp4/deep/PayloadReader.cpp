@@ -289,7 +289,8 @@ QString PayloadReader::countedText(const char *name, quint64 width, const QStrin
     return text;
 }
 
-QString PayloadReader::utf16(const char *name, quint64 width, const QString &comment)
+QString PayloadReader::utf16(const char *name, quint64 width, const QString &comment,
+                             bool littleEndian)
 {
     const quint64 at = this->at();
     QByteArray bytes(qsizetype(qMin(width, available())), Qt::Uninitialized);
@@ -299,7 +300,6 @@ QString PayloadReader::utf16(const char *name, quint64 width, const QString &com
     }
     const auto *byte = reinterpret_cast<const unsigned char *>(bytes.constData());
     qsizetype i = 0;
-    bool littleEndian = false;
     if (bytes.size() >= 2 &&
         ((byte[0] == 0xFE && byte[1] == 0xFF) || (byte[0] == 0xFF && byte[1] == 0xFE))) {
         littleEndian = byte[0] == 0xFF;

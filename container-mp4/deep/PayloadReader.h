@@ -77,9 +77,10 @@ public:
     // A counted text in a field of a fixed width: its first byte the length of the UTF-8 text
     // behind it, the rest of the field padding. Reported as one field of the whole width.
     QString countedText(const char *name, quint64 width, const QString &comment = QString());
-    // UTF-16 of the given width, up to its first zero character: big-endian unless a
-    // byte-order mark in front says otherwise.
-    QString utf16(const char *name, quint64 width, const QString &comment = QString());
+    // UTF-16 of the given width, up to its first zero character: big-endian, or little-endian
+    // when asked, unless a byte-order mark in front says otherwise.
+    QString utf16(const char *name, quint64 width, const QString &comment = QString(),
+                  bool littleEndian = false);
 
     // Bytes
     // A raw field: its bytes in hex.
@@ -154,6 +155,19 @@ public:
     int walkChildrenOf(const QString &parentType);
     // Boxes walked with walkChildrenOf from here on are siblings, counted from the first.
     void beginSiblings() { parser.beginSiblings(); }
+    // Walks bytes inflated from this box's payload as its child, with the bytes as the input
+    // meanwhile; they stay with the parser for the tables noted in them.
+    int walkInflated(const QByteArray &bytes)
+    {
+        return parser.walkInflated(bytes, start, end() - start);
+    }
+    // Whether the box lies in inflated bytes rather than in the file.
+    bool insideInflated() const { return parser.inflatedSource != nullptr; }
+    // The device of the inflated bytes the box lies in, for the boxes noted to be read again
+    // at the end; null in the file.
+    InputDevice *source() const { return parser.inflatedSource; }
+    // The size of the input: of the file, outside inflated bytes.
+    quint64 inputSize() const { return quint64(parser.input.size()); }
     // Runs the basic parser of the box's type over the whole payload, so that the box is
     // reported as without deep analysis; the reading ends. Nothing without one.
     int parseBasic();

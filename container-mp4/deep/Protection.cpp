@@ -169,17 +169,15 @@ int inferredIvSize(PayloadReader &box, quint32 count, bool subsamples)
     return found;
 }
 
-// senc: each sample's IV and, with flag 2, the clear and protected byte ranges of its
-// subsamples. The IV size comes from the track (tenc), or else from what fits the box; where
-// neither tells it, the entries are shown as data.
-int parseSampleEncryption(PayloadReader &box)
+// The samples of senc and of PIFF's sample encryption box: each sample's IV and, with flag 2,
+// the clear and protected byte ranges of its subsamples. The IV size is the one the track or
+// the box said (knownIvSize, -1 when none did), or else what fits the box; where neither tells
+// it, the entries are shown as data.
+int readEncryptedSamples(PayloadReader &box, int knownIvSize)
 {
     const bool subsamples = box.flags() & 2;
     const quint32 count = box.u32("sample_count");
-    const TrackContext *track = box.track();
-    const int ivSize = track && track->perSampleIvSize >= 0
-                           ? track->perSampleIvSize
-                           : inferredIvSize(box, count, subsamples);
+    const int ivSize = knownIvSize >= 0 ? knownIvSize : inferredIvSize(box, count, subsamples);
     if (ivSize < 0 || (ivSize == 0 && !subsamples)) {
         box.rest("entries");
         return ContainerAbstract::ParseOk;
@@ -209,6 +207,49 @@ int parseSampleEncryption(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
+// senc: its IV size comes from the track (tenc).
+int parseSampleEncryption(PayloadReader &box)
+{
+    const TrackContext *track = box.track();
+    return readEncryptedSamples(box, track ? track->perSampleIvSize : -1);
+}
+
+QString algorithmName(quint64 id)
+{
+    return id == 0   ? QStringLiteral("not encrypted")
+           : id == 1 ? QStringLiteral("AES-CTR")
+           : id == 2 ? QStringLiteral("AES-CBC")
+                     : QString();
+}
+
+// PIFF's track encryption box: the algorithm, IV size and key ID of the samples of a track.
+int parsePiffTrackEncryption(PayloadReader &box)
+{
+    box.u24("default_algorithm_id", algorithmName(box.peekUnsigned(3)));
+    const quint8 ivSize = box.u8("default_iv_size", QStringLiteral("bytes"));
+    if (box.ok()) {
+        if (TrackContext *track = box.track())
+            track->perSampleIvSize = ivSize;
+    }
+    keyId(box, "default_kid");
+    box.rest();
+    return ContainerAbstract::ParseOk;
+}
+
+// PIFF's sample encryption box: as senc, with flag 1 overriding the track's algorithm, IV
+// size and key ID for its samples.
+int parsePiffSampleEncryption(PayloadReader &box)
+{
+    const TrackContext *track = box.track();
+    int ivSize = track ? track->perSampleIvSize : -1;
+    if (box.flags() & 1) {
+        box.u24("algorithm_id", algorithmName(box.peekUnsigned(3)));
+        ivSize = box.u8("iv_size", QStringLiteral("bytes"));
+        keyId(box, "kid");
+    }
+    return readEncryptedSamples(box, ivSize);
+}
+
 } // namespace
 
 DeepRows protectionRows()
@@ -221,5 +262,7 @@ DeepRows protectionRows()
         {"tenc", DeepPlain, 1, parseTrackEncryption},
         {"pssh", DeepPlain, 1, parseProtectionSystem},
         {"senc", DeepPlain, 1, parseSampleEncryption},
+        {"uuid{8974dbce-7be7-4c51-84f9-7148f9882554}", DeepPlain, 1, parsePiffTrackEncryption},
+        {"uuid{a2394f52-5a9b-4f14-a244-6c427c648df4}", DeepPlain, 1, parsePiffSampleEncryption},
     };
 }

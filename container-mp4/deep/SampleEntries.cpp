@@ -261,7 +261,8 @@ const struct {
     {"lpcm", &Audio},       {"in24", &Audio},     {"fl32", &Audio},         {"raw ", &Audio},
     {"enca", &Audio},       {"tx3g", &TimedText}, {"text", &QuickTimeText}, {"wvtt", &BoxesOnly},
     {"stpp", &XmlSubtitle}, {"c608", &BoxesOnly}, {"mett", &TextMetadata},  {"metx", &XmlMetadata},
-    {"rtp ", &Hint},        {"srtp", &Hint},      {"tmcd", &Timecode},
+    {"rtp ", &Hint},        {"srtp", &Hint},      {"tmcd", &Timecode},      {"h263", &Visual},
+    {"samr", &Audio},       {"sawb", &Audio},
 };
 
 // Entries of a type not known above, by the handler of their track.
@@ -411,6 +412,20 @@ int parseHintOffset(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
+// sdp  of a hint track's hnti: the SDP lines of the track.
+int parseTrackSdp(PayloadReader &box)
+{
+    return parseWholeText(box, "sdp_text");
+}
+
+// rtp  of the movie's hnti: the SDP lines of the whole presentation, in the format its
+// description_format names.
+int parseMovieSdp(PayloadReader &box)
+{
+    box.fourcc("description_format");
+    return parseWholeText(box, "sdp_text");
+}
+
 } // namespace
 
 DeepRows sampleEntryRows()
@@ -419,6 +434,7 @@ DeepRows sampleEntryRows()
         {"stsd", DeepPlain, 1, parseSampleDescription}, {"ftab", DeepPlain, 0, parseFontTable},
         {"vttC", DeepPlain, 0, parseWebVttConfig},      {"vlab", DeepPlain, 0, parseWebVttLabel},
         {"tims", DeepPlain, 0, parseHintTimescale},     {"tsro", DeepPlain, 0, parseHintOffset},
-        {"snro", DeepPlain, 0, parseHintOffset},
+        {"snro", DeepPlain, 0, parseHintOffset},        {"hnti", DeepContainer, 0, nullptr},
+        {"sdp ", DeepPlain, 0, parseTrackSdp},          {"rtp ", DeepPlain, 0, parseMovieSdp},
     };
 }

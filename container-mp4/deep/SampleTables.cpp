@@ -12,7 +12,8 @@ namespace {
 int parseCompositionOffsets(PayloadReader &box)
 {
     if (TrackContext *track = box.track())
-        track->compositionOffsets = TableBox{box.at(), box.left(), box.version(), true, box.path()};
+        track->compositionOffsets =
+            TableBox{box.at(), box.left(), box.version(), true, box.path(), box.source()};
     const quint32 count = box.u32("entry_count");
     const QString entry = QStringLiteral("entry");
     const QString sampleCount = QStringLiteral("sample_count");
@@ -33,7 +34,7 @@ int parseCompositionOffsets(PayloadReader &box)
 // stz2: the sample sizes in fields of 4, 8 or 16 bits.
 int parseCompactSampleSizes(PayloadReader &box)
 {
-    const TableBox table{box.at(), box.left(), box.version(), true, box.path()};
+    const TableBox table{box.at(), box.left(), box.version(), true, box.path(), box.source()};
     box.u24("reserved");
     const quint8 fieldSize = box.u8("field_size", QStringLiteral("bits per entry: 4, 8 or 16"));
     const quint32 count = box.u32("sample_count");

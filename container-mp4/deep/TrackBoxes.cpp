@@ -51,10 +51,65 @@ int parseDataEntryUrn(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
-// QuickTime's alis and rsrc: a Macintosh alias or resource, kept as it is.
+// The tagged items behind an alias record's fixed fields, up to end (a position in the file):
+// a tag, a length and the value, padded to an even length; tag -1 ends them.
+void aliasItems(PayloadReader &box, quint64 end)
+{
+    const QString item = QStringLiteral("extra");
+    for (quint32 i = 0; end - box.at() >= 4 && box.ok(); ++i) {
+        const qint64 tag = qint16(box.peekUnsigned(2));
+        const quint64 length = box.peekUnsigned(2, 2);
+        const quint64 padded = qMin(length + (length & 1), end - box.at() - 4);
+        box.beginGroup(item, i, 4 + padded);
+        box.i16("tag", tag == -1 ? QStringLiteral("end") : QString());
+        box.u16("length", QStringLiteral("bytes"));
+        if (padded > 0)
+            box.raw("value", padded);
+        box.endGroup();
+        if (tag == -1)
+            break;
+    }
+}
+
+// A Macintosh alias record of version 2: the volume and the file it points to, by name and
+// by number, then its tagged items. Other versions are shown by position.
+void aliasRecord(PayloadReader &box)
+{
+    const quint64 start = box.at();
+    box.fourcc("user_type");
+    const quint64 size = box.sizeField("record_size", 2);
+    const quint16 version = box.u16("record_version");
+    const quint64 end = start + qMin(qMax<quint64>(size, 8), box.left() + (box.at() - start));
+    if (version != 2 || size < 150 || box.left() < 142) {
+        box.rest("alias_record");
+        return;
+    }
+    box.u16("alias_kind", QStringLiteral("0: file, 1: folder"));
+    box.countedText("volume_name", 28);
+    box.u32("volume_created", QStringLiteral("seconds since 1904"));
+    box.fixedText("file_system_type", 2);
+    box.u16("disk_type",
+            QStringLiteral("0: fixed, 1: network, 2: 400 KB, 3: 800 KB, 4: 1.44 MB, 5: ejectable"));
+    box.u32("parent_directory_id");
+    box.countedText("target_name", 64);
+    box.u32("target_id");
+    box.u32("target_created", QStringLiteral("seconds since 1904"));
+    box.fourcc("target_creator");
+    box.fourcc("target_type");
+    box.i16("levels_from_alias_to_root");
+    box.i16("levels_from_root_to_target");
+    box.u32("volume_attributes");
+    box.u16("volume_file_system_id");
+    box.raw("reserved", 10);
+    aliasItems(box, end);
+}
+
+// QuickTime's alis and rsrc: where the media lies as a Macintosh alias; nothing follows the
+// flags of one that says the media is in this file.
 int parseDataEntryAlias(PayloadReader &box)
 {
-    readEntryFlags(box);
+    if (!readEntryFlags(box) && box.left() >= 8)
+        aliasRecord(box);
     box.rest();
     return ContainerAbstract::ParseOk;
 }

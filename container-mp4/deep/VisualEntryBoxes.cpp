@@ -1,6 +1,9 @@
 #include "DeepRows.h"
 #include "PayloadReader.h"
 
+#include <QStringList>
+
+#include <iterator>
 #include <utility>
 
 // The small boxes that extend visual and audio sample entries: bit rates, colour, pixel
@@ -181,15 +184,49 @@ int parseCodingConstraints(PayloadReader &box)
     return ContainerAbstract::ParseOk;
 }
 
+// The channels a Core Audio channel bitmap holds, one bit each from the lowest.
+QString channelBitmapNames(quint64 bitmap)
+{
+    static const char *const names[] = {"left",
+                                        "right",
+                                        "center",
+                                        "LFE screen",
+                                        "left surround",
+                                        "right surround",
+                                        "left center",
+                                        "right center",
+                                        "center surround",
+                                        "left surround direct",
+                                        "right surround direct",
+                                        "top center surround",
+                                        "vertical height left",
+                                        "vertical height center",
+                                        "vertical height right",
+                                        "top back left",
+                                        "top back center",
+                                        "top back right"};
+    QStringList set;
+    for (int bit = 0; bit < int(std::size(names)); ++bit) {
+        if (bitmap & (quint64(1) << bit))
+            set << QLatin1String(names[bit]);
+    }
+    return set.join(QLatin1String(", "));
+}
+
 // chan of QuickTime: a Core Audio channel layout, big-endian. The tag says the layout, or
-// that the bitmap or the descriptions say it.
+// that the bitmap or the descriptions say it; the low half of a layout's tag is its count of
+// channels.
 int parseChannelLayout(PayloadReader &box)
 {
-    box.u32("channel_layout_tag", nameOf(box.peekUnsigned(4), {{0, "use the descriptions"},
-                                                               {0x10000, "use the bitmap"},
-                                                               {0x640001, "mono"},
-                                                               {0x650002, "stereo"}}));
-    box.u32("channel_bitmap");
+    const quint64 tag = box.peekUnsigned(4);
+    QString tagName = nameOf(tag, {{0, "use the descriptions"},
+                                   {0x10000, "use the bitmap"},
+                                   {0x640001, "mono"},
+                                   {0x650002, "stereo"}});
+    if (tagName.isEmpty())
+        tagName = QStringLiteral("layout %1, %2 channels").arg(tag >> 16).arg(tag & 0xFFFF);
+    box.u32("channel_layout_tag", tagName);
+    box.u32("channel_bitmap", channelBitmapNames(box.peekUnsigned(4)));
     const quint32 count = box.u32("number_channel_descriptions");
     const QString description = QStringLiteral("channel_description");
     const QString coordinates = QStringLiteral("coordinates");

@@ -49,6 +49,7 @@ void ContainerMP4::finalizeParsing()
     checkTracks();
     if (deep) {
         walkTrackSamples();
+        reportItems();
         return;
     }
     quint64 samplesLeft = quint64(qMax<qint64>(input.size(), 0));

@@ -5,10 +5,11 @@
 namespace {
 // The big-endian number of bytes bytes at ahead bytes into a noted box; 0 when it does not
 // lie whole inside the box and the input.
-quint64 numberAt(InputDevice &input, const TableBox &box, quint64 ahead, int bytes)
+quint64 numberAt(InputDevice &file, const TableBox &box, quint64 ahead, int bytes)
 {
     if (!box.present || ahead + quint64(bytes) > box.size)
         return 0;
+    InputDevice &input = sourceOf(file, box);
     unsigned char buffer[8] = {};
     input.seek(qint64(box.offset + ahead));
     if (input.readBytes(reinterpret_cast<char *>(buffer), bytes) != bytes)
@@ -77,7 +78,8 @@ std::vector<Edit> TrackBoxes::edits(InputDevice &input, const TableBox &editList
     const quint64 entrySize = 2 * w + 4;
     for (quint64 i = 0; i < count && edits.size() < limit; ++i) {
         const quint64 at = 4 + i * entrySize;
-        if (at + entrySize > editList.size || input.bytesFrom(editList.offset + at) < entrySize)
+        if (at + entrySize > editList.size ||
+            sourceOf(input, editList).bytesFrom(editList.offset + at) < entrySize)
             break;
         Edit edit;
         edit.segmentDuration = numberAt(input, editList, at, int(w));

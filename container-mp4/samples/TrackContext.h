@@ -17,7 +17,16 @@ struct TableBox {
     quint32 version = 0;
     bool present = false;
     QString path; // of the box, for the problems the checks find in it
+    // Where the box lies: null for the input, else the inflated bytes of a compressed movie,
+    // which the parser keeps to the end.
+    InputDevice *source = nullptr;
 };
+
+// The device a noted box is read from: its own source, else the input.
+inline InputDevice &sourceOf(InputDevice &input, const TableBox &box)
+{
+    return box.source ? *box.source : input;
+}
 
 // The defaults of a track's samples in movie fragments: those of trex, which those of tfhd
 // override.

@@ -35,7 +35,7 @@ void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
             fileType = TableBox{payload, size, 0, true, QString()};
         return;
     }
-    const TableBox box{payload, size, boxVersion, true, pathText()};
+    const TableBox box{payload, size, boxVersion, true, pathText(), inflatedSource};
     if (kind == NotedBox::MovieHeader)
         movieHeader = box;
     if (kind == NotedBox::MediaData)

@@ -17,7 +17,7 @@ from conftest import (batch_command, finish, read_rows, start_batch, stop_group,
 import sarvelinth_chunk
 
 ROW_KEYS = {"path", "size", "mtime", "status", "exit", "brand", "duration", "streams",
-            "problems", "codes"}
+            "items", "primaryItem", "problems", "codes"}
 
 
 def by_path(rows):
@@ -172,6 +172,18 @@ def test_a_fifo_times_out_and_a_memory_limit_crashes(tool, tmp_path):
     sample.write_bytes(b"\x00\x00\x00\x08free")
     rows = sarvelinth_chunk.check_chunk(tool, [(str(sample), 0, 0)], memory_limit=8 << 20)
     assert rows[0]["status"] == "crashed"
+
+
+def test_images_rows_carry_their_items(tool):
+    """With --deep, the row of an image tells its items and the primary one's type and size;
+    a movie's tells none."""
+    data = os.path.join(os.path.dirname(os.path.dirname(__file__)), "data")
+    paths = [os.path.join(data, name) for name in ("image-two.heic", "deep-hevc.mp4")]
+    rows = sarvelinth_chunk.check_chunk(tool, [(path, 0, 0) for path in paths], deep=True)
+    assert [row["status"] for row in rows] == ["ok", "ok"]
+    assert rows[0]["items"] == 6  # two images, each with a thumbnail: a grid of one hidden tile
+    assert rows[0]["primaryItem"] == {"type": "hvc1", "width": 64, "height": 64}
+    assert (rows[1]["items"], rows[1]["primaryItem"]) == (0, None)
 
 
 def test_usage_errors_exit_2(tool, tmp_path):

@@ -16,6 +16,12 @@
 #   deep-dash.mp4          H.264 in fragments for DASH (sidx, prft, mfra with tfra and mfro)
 #   deep-metadata.mov      QuickTime: MPEG-4 Visual with a time code track (tref, gmhd, tcmi),
 #                          a chapter text track, Nero chapters (chpl) and tags by key (keys)
+#   deep-h263.3gp          3GPP: H.263 (s263, d263) and AAC
+#   deep-rtphint.mp4       H.264 High 4:2:2 (the avcC tail) and AAC with RTP hint tracks
+#                          (hmhd, rtp  entries, hnti with the SDP of each track)
+#   deep-ima.mov           QuickTime: MPEG-4 Visual and IMA ADPCM, a sound entry of version 1
+#                          with its channel layout (chan)
+#   deep-pcm.mov           QuickTime: little-endian PCM (sowt, chan)
 set -euo pipefail
 cd "$(dirname "$0")"
 ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
@@ -57,4 +63,13 @@ printf '%s\n' ';FFMETADATA1' title=Chaptered \
 ff "${video[@]}" -f ffmetadata -i "$chapters" -map 0 -map_metadata 1 -map_chapters 1 -c:v mpeg4 \
     -q:v 31 "${plain[@]}" -timecode 01:00:00:00 -metadata artist=Sarvelinth \
     -movflags use_metadata_tags deep-metadata.mov
+ff -f lavfi -i testsrc=size=128x96:rate=10:duration=1.2 "${audio[@]}" -c:v h263 -q:v 31 -g 4 \
+    -c:a aac -b:a 8k "${plain[@]}" -map_metadata -1 deep-h263.3gp
+ff "${video[@]}" "${audio[@]}" -c:v libx264 -preset veryfast -crf 45 -pix_fmt yuv422p -g 4 -bf 0 \
+    -bsf:v filter_units=remove_types=6 -c:a aac -b:a 8k "${plain[@]}" -map_metadata -1 \
+    -movflags rtphint deep-rtphint.mp4
+ff "${video[@]}" "${audio[@]}" -c:v mpeg4 -q:v 31 -c:a adpcm_ima_qt "${plain[@]}" \
+    -map_metadata -1 deep-ima.mov
+ff -f lavfi -i sine=frequency=440:sample_rate=8000:duration=0.3 -c:a pcm_s16le "${plain[@]}" \
+    -map_metadata -1 -f mov deep-pcm.mov
 ls -l deep-*

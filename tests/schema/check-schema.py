@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Checks the documents the command writes against docs/report.schema.json: the basic and
 the deep reports of every real file of the tests, the documents of an HTML page and the
-error line of a file that is not there. Exits 77 (skipped) without python3-jsonschema.
+error line of a file that is not there; the images with their items. Exits 77 (skipped) without python3-jsonschema.
 
     check-schema.py SARVELINTH SOURCE_DIR
 """
@@ -22,7 +22,8 @@ schema = json.loads((source / "docs/report.schema.json").read_text())
 validator = jsonschema.Draft202012Validator(schema)
 data = source / "tests/data"
 files = [source / "samples/sample.mp4"] + sorted(
-    p for p in data.iterdir() if p.suffix in {".mp4", ".m4a", ".mov", ".m4s"})
+    p for p in data.iterdir() if p.suffix in {".mp4", ".m4a", ".mov", ".m4s", ".heic", ".avif"})
+images = [f for f in files if f.suffix in {".heic", ".avif"}]
 
 
 def documents(arguments):
@@ -43,7 +44,7 @@ def coverage_adds_up(coverage):
 failures = 0
 runs = [["--format", "json", "--deep", *map(str, files)],
         ["--format", "json", "--check", *map(str, files)],
-        ["--format", "json", "--check", "--deep", str(files[0])],
+        ["--format", "json", "--check", "--deep", str(files[0]), *map(str, images)],
         ["--format", "json", "--check", "--units", *map(str, files)],
         ["--format", "json", "--deep", "--value-base", "16", str(files[0])],
         ["--format", "json", *[str(f) for f in files if f.suffix == ".mp4"], "missing.mp4"]]
