@@ -594,6 +594,8 @@ void JsonWriter::addItem(const Item &item)
         out.put('}');
     }
     out.put('}');
+}
+
 void JsonWriter::writeUnits(const std::vector<SampleUnit> &units)
 {
     out.appendLiteral(",\"units\":[");
