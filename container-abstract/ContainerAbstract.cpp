@@ -33,6 +33,7 @@ void ContainerAbstract::configure(const Settings &settings)
     valueBase = settings.valueBase;
     deepAnalysis = settings.deepAnalysis;
     checkProblems = settings.checkProblems;
+    sampleUnits = settings.sampleUnits;
 }
 
 ContainerAbstract::RunResult ContainerAbstract::parse(const QString &fileName, ReportSink &sink,

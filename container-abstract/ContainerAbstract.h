@@ -59,6 +59,8 @@ public:
         bool deepAnalysis = false;
         // Checks: the problems of the file, and where its bytes went.
         bool checkProblems = false;
+        // With deep analysis: the NAL units or OBUs of every sample of H.264, HEVC and AV1.
+        bool sampleUnits = false;
     };
 
     ContainerAbstract();
@@ -138,6 +140,7 @@ protected:
     int valueBase = 10;
     bool deepAnalysis = false;
     bool checkProblems = false;
+    bool sampleUnits = false;
     InputDevice input;
     quint64 currentOffset = 0;
     QVector<ReportSink *> sampleOutputs;

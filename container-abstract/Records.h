@@ -17,6 +17,24 @@ struct Sample {
     quint32 keyFrame = 0;
 };
 
+// What a sequence parameter set or sequence header tells of the pictures of a stream. -1 or
+// 0 where it does not tell.
+struct VideoFacts {
+    int codedWidth = 0; // the decoded picture, in luma samples
+    int codedHeight = 0;
+    int width = 0; // the picture shown: the coded one less its cropping
+    int height = 0;
+    int bitDepthLuma = 0;
+    int bitDepthChroma = 0;
+    int chromaFormat = -1; // 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4
+    int colourPrimaries = -1;
+    int transferCharacteristics = -1;
+    int matrixCoefficients = -1;
+    // The frame rate as timeScale / frameDuration, where the stream states it.
+    quint32 timeScale = 0;
+    quint32 frameDuration = 0;
+};
+
 // What deep analysis tells of the track behind a stream.
 struct TrackFacts {
     quint32 trackId = 0;
@@ -32,6 +50,8 @@ struct TrackFacts {
     // Of an audio sample entry; 0 for others.
     quint32 channelCount = 0;
     quint32 sampleRate = 0;
+    // Of a video stream: what its first sequence parameter set or sequence header tells.
+    std::optional<VideoFacts> video;
 };
 
 // Facts of one stream, filled in by the parser while it walks the stream's boxes.
@@ -67,6 +87,33 @@ struct FragmentOrigin {
     quint64 trunEntry = 0;
 };
 
+// A payload of a SEI message: its type, its size, and for what it holds the count of closed
+// caption triplets (user data registered as ATSC A/53) or the UUID of unregistered data.
+struct SeiPayload {
+    quint32 type = 0;
+    const char *name = ""; // for people, such as "recovery point"
+    quint64 size = 0;
+    int captions = -1; // -1: no closed captions
+    QString uuid;      // of user data unregistered only
+};
+
+// A NAL unit or OBU of a sample: where it lies (its length field in front included), its
+// type, the fields of its header, and of the first slice of a picture and of SEI what tells
+// the most. -1 where the codec or the unit has no such field.
+struct SampleUnit {
+    quint64 offset = 0;
+    quint64 size = 0;
+    int type = 0;
+    const char *typeName = ""; // for people, such as "IDR slice"
+    int nalRefIdc = -1;        // H.264
+    int layerId = -1;          // nuh_layer_id of HEVC, spatial_id of AV1
+    int temporalId = -1;       // nuh_temporal_id_plus1 of HEVC, temporal_id of AV1
+    int sliceType = -1;
+    qint64 firstMbInSlice = -1;          // H.264
+    int firstSliceSegmentInPicFlag = -1; // HEVC
+    std::vector<SeiPayload> sei;
+};
+
 // A sample as deep analysis reports it: times in 64 bits, signed where composition offsets
 // make them so, the time it is presented at, and the table entries that made it.
 struct TrackSample {
@@ -89,6 +136,9 @@ struct TrackSample {
     std::optional<FragmentOrigin> fragment;
     // Of joined files: the file the sample lies in, counted from 0; -1 for a file alone.
     int file = -1;
+    // With sample units: the sample's NAL units or OBUs, valid during the call that hands
+    // the sample over; null without.
+    const std::vector<SampleUnit> *units = nullptr;
 };
 
 // A run of an item's bytes.

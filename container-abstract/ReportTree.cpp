@@ -96,6 +96,9 @@ void ReportTree::addSample(quint64 sampleIndex, const Sample &sample)
 void ReportTree::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
 {
     streams.last().trackSamples.append(sample);
+    streams.last().trackSamples.last().units = nullptr;
+    if (sample.units)
+        streams.last().trackSampleUnits.append(*sample.units);
     streams.last().sampleIndexes.append(sampleIndex);
 }
 

@@ -41,6 +41,8 @@ public:
         QVector<Sample> samples;
         QVector<TrackSample> trackSamples; // of deep analysis
         QVector<quint64> sampleIndexes;    // of either kind
+        // With sample units: the units of each deep sample, which trackSamples leave out.
+        QVector<std::vector<SampleUnit>> trackSampleUnits;
     };
 
     QString fileName;

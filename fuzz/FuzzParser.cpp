@@ -41,10 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     // The settings vary with the input's size, so that every base, the unknown-data options,
-    // deep analysis and the checks are exercised without taking bytes away from the file.
+    // deep analysis, the units of the samples and the checks are exercised without taking
+    // bytes away from the file.
     ContainerAbstract::Settings settings;
     settings.deepAnalysis = size % 2 == 0;
     settings.checkProblems = size % 7 < 3;
+    settings.sampleUnits = settings.deepAnalysis && size % 4 == 0;
     settings.sizeBase = size % 5 == 0 ? 2 + int(size % 35) : 10;
     settings.valueBase = size % 3 == 0 ? 2 + int(size / 3 % 35) : 10;
     settings.showUnknownData = size % 11 != 0;

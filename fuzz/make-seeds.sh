@@ -214,3 +214,10 @@ printf '%s\n' '#EXTM3U' '#EXT-X-STREAM-INF:BANDWIDTH=800,CODECS="avc1.4d400a,mp4
 printf '%s\n' '#EXTM3U' '#EXT-X-VERSION:7' '#EXT-X-MAP:URI="all.mp4",BYTERANGE="700@0"' \
     '#EXTINF:0.4,' '#EXT-X-BYTERANGE:300@700' 'all.mp4' '#EXTINF:0.4,' '#EXT-X-BYTERANGE:200' \
     'all.mp4' '#EXTINF:0.4,' 'part2.m4s' '#EXT-X-ENDLIST' >"$out/media.m3u8"
+# The small real files of H.264, HEVC and AV1, each followed by a free box that makes its size
+# a multiple of 4, so that the fuzz target reads the units of their samples.
+for name in track-h264-bframes deep-hevc deep-av1; do
+    hex=$(od -An -tx1 -v "$data/$name.mp4" | tr -d ' \n')
+    pad=$(((4 - (${#hex} / 2 + 8) % 4) % 4))
+    write "units-$name.mp4" "$hex$(box free "$(printf '%0*s' $((pad * 2)) '' | tr ' ' 0)")"
+done

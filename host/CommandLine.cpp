@@ -50,6 +50,10 @@ const QList<OptionRow> &optionRows()
          {},
          "manifests (.mpd, .m3u8, read with --deep or --join): read\n"
          "segments whose path leaves the manifest's folder"},
+        {{"units"},
+         {},
+         "list the NAL units or OBUs of every sample of H.264, HEVC\n"
+         "and AV1 tracks, and check them with --check (implies --deep)"},
         {{"check"},
          {},
          "check the files: list what is wrong with each, with codes,\n"
@@ -181,7 +185,9 @@ bool parseCommandLine(const QStringList &arguments, const QString &defaultFile, 
     options->help = parser.isSet(QStringLiteral("help"));
     options->version = parser.isSet(QStringLiteral("version"));
     options->showSamples = parser.isSet(QStringLiteral("samples"));
-    options->settings.deepAnalysis = parser.isSet(QStringLiteral("deep"));
+    options->settings.sampleUnits = parser.isSet(QStringLiteral("units"));
+    options->settings.deepAnalysis =
+        parser.isSet(QStringLiteral("deep")) || options->settings.sampleUnits;
     options->settings.checkProblems = parser.isSet(QStringLiteral("check"));
     options->join = parser.isSet(QStringLiteral("join"));
     options->allowOutside = parser.isSet(QStringLiteral("allow-outside"));

@@ -423,6 +423,40 @@ void TextWriter::writeTrackFacts(const StreamInfo &info)
         out.appendLiteral(", representation ");
         text(facts.representation);
     }
+    if (facts.video)
+        writeVideoFacts(*facts.video);
+}
+
+void TextWriter::writeVideoFacts(const VideoFacts &video)
+{
+    out.appendLiteral(", coded ");
+    out.appendUnsigned(quint64(video.codedWidth));
+    out.put('x');
+    out.appendUnsigned(quint64(video.codedHeight));
+    out.appendLiteral(" shown ");
+    out.appendUnsigned(quint64(video.width));
+    out.put('x');
+    out.appendUnsigned(quint64(video.height));
+    out.appendLiteral(", ");
+    out.appendUnsigned(quint64(video.bitDepthLuma));
+    out.appendLiteral(" bit");
+    static const char *const chromaFormats[] = {" monochrome", " 4:2:0", " 4:2:2", " 4:4:4"};
+    if (video.chromaFormat >= 0 && video.chromaFormat <= 3)
+        out.appendCString(chromaFormats[video.chromaFormat]);
+    if (video.colourPrimaries >= 0) {
+        out.appendLiteral(", colour ");
+        out.appendUnsigned(quint64(video.colourPrimaries));
+        out.put('/');
+        out.appendUnsigned(quint64(video.transferCharacteristics));
+        out.put('/');
+        out.appendUnsigned(quint64(video.matrixCoefficients));
+    }
+    if (video.frameDuration != 0) {
+        out.appendLiteral(", frame rate ");
+        out.appendUnsigned(video.timeScale);
+        out.put('/');
+        out.appendUnsigned(video.frameDuration);
+    }
 }
 
 void TextWriter::writeSampleCount()
@@ -536,6 +570,60 @@ void TextWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
         out.appendSigned(sample.file);
     }
     out.put('\n');
+    if (sample.units)
+        writeUnits(*sample.units);
+}
+
+void TextWriter::writeUnits(const std::vector<SampleUnit> &units)
+{
+    for (const SampleUnit &unit : units) {
+        out.appendLiteral("      unit @");
+        out.appendUnsigned(unit.offset);
+        out.put('+');
+        out.appendUnsigned(unit.size);
+        out.appendLiteral(" type ");
+        out.appendUnsigned(quint64(unit.type));
+        if (*unit.typeName) {
+            out.put(' ');
+            out.appendCString(unit.typeName);
+        }
+        const std::pair<const char *, qint64> fields[] = {
+            {", nal_ref_idc ", unit.nalRefIdc},
+            {", layer ", unit.layerId},
+            {", temporal ", unit.temporalId},
+            {", first_mb_in_slice ", unit.firstMbInSlice},
+            {", first_slice_segment_in_pic_flag ", unit.firstSliceSegmentInPicFlag},
+            {", slice_type ", unit.sliceType},
+        };
+        for (const auto &[label, value] : fields) {
+            if (value >= 0) {
+                out.appendCString(label);
+                out.appendUnsigned(quint64(value));
+            }
+        }
+        for (const SeiPayload &payload : unit.sei) {
+            out.appendLiteral(", SEI ");
+            out.appendUnsigned(payload.type);
+            if (*payload.name) {
+                out.put(' ');
+                out.appendCString(payload.name);
+            }
+            out.appendLiteral(" (");
+            out.appendUnsigned(payload.size);
+            out.appendLiteral(" bytes");
+            if (payload.captions >= 0) {
+                out.appendLiteral(", ");
+                out.appendUnsigned(quint64(payload.captions));
+                out.appendLiteral(" captions");
+            }
+            if (!payload.uuid.isEmpty()) {
+                out.put(' ');
+                text(payload.uuid);
+            }
+            out.put(')');
+        }
+        out.put('\n');
+    }
 }
 
 void TextWriter::endStream()

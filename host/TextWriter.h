@@ -64,6 +64,8 @@ private:
     void writeStreamLine(bool withCount);
     // The deep facts of a stream, which has them.
     void writeTrackFacts(const StreamInfo &info);
+    void writeVideoFacts(const VideoFacts &video);
+    void writeUnits(const std::vector<SampleUnit> &units);
     void writeSampleCount();
     void writeSampleTableHeader();
 

@@ -352,6 +352,25 @@ TEST(Host, WritersShowTheWholeModelInOrder)
 
 // One page for all reports; each embeds the JSON writer's document and the file's bytes as
 // the byte selection chooses them, under a limit of its own.
+// --units: the units of every sample under it in the text report, and the stream facts of
+// the parameter sets, for an HEVC and an AV1 file.
+TEST(TextWriter, SamplesWithTheirUnits)
+{
+    const ToolRun run = runTool(
+        {"--samples", "--units", "--check", "tests/data/deep-hevc.mp4", "tests/data/deep-av1.mp4"});
+    EXPECT_EQ(run.exitCode, 0);
+    // The streams with their samples; the boxes are the business of the deep tests.
+    QString streams;
+    bool inStream = false;
+    for (const QString &line : QString::fromUtf8(run.out).split('\n')) {
+        inStream = inStream || line.startsWith(QLatin1String("stream "));
+        if (inStream)
+            streams += line + '\n';
+        inStream = inStream && !line.endsWith(QLatin1String(" samples"));
+    }
+    expectGolden(QStringLiteral("Host/text-writer-units"), streams);
+}
+
 TEST(HtmlWriter, OnePageEmbedsEachJsonDocumentWithTheBytesOfItsBoxes)
 {
     const QString sample = SourceDir + "/" + SampleFile;

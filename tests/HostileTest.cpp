@@ -53,6 +53,7 @@ CheckedRun parseChecked(const QByteArray &input, ReportSink *next = nullptr, boo
     ContainerAbstract::Settings settings;
     settings.deepAnalysis = deep;
     settings.checkProblems = deep;
+    settings.sampleUnits = deep;
     parser.configure(settings);
     parser.parseBytes(QStringLiteral("test.mp4"), input, sink);
     return {sink.nodes(), sink.samples, sink.maxDepth,
@@ -171,6 +172,36 @@ QByteArray compressedMovie(quint32 declaredSize, const QByteArray &deflated)
                box("cmov", box("dcom", text("zlib")) + box("cmvd", u32(declaredSize) + deflated)));
 }
 
+// A video track of one avc1 or hvc1 entry around config and one sample of the given bytes
+// behind the movie.
+QByteArray codedMovie(const char *entryType, const QByteArray &config, const QByteArray &sample)
+{
+    const QByteArray entry =
+        box(entryType, zeros(6) + u16(1) + zeros(16) + u16(32) + u16(32) + zeros(50) + config);
+    const auto build = [&](quint32 offset) {
+        return movie(fullBox("stsd", 0, 0, u32(1) + entry) + table("stts", {1, 1, 1}) +
+                     table("stsc", {1, 1, 1, 1}) + table("stsz", {0, 1, quint32(sample.size())}) +
+                     table("stco", {1, offset}));
+    };
+    return build(quint32(build(0).size() + 8)) + box("mdat", sample);
+}
+
+// avcC around one SPS of the given profile and body.
+QByteArray avcConfig(quint8 profile, const QByteArray &body)
+{
+    const QByteArray sps = u8(0x67) + u8(profile) + u8(0) + u8(30) + body;
+    return box("avcC", u8(1) + u8(profile) + u8(0) + u8(30) + u8(0xFF) + u8(0xE1) +
+                           u16(quint16(sps.size())) + sps + u8(0));
+}
+
+// hvcC around one SPS of the given body.
+QByteArray hevcConfig(const QByteArray &body)
+{
+    const QByteArray sps = u8(0x42) + u8(0x01) + body;
+    return box("hvcC", u8(1) + zeros(20) + u8(0x0F) + u8(1) + u8(0xA1) + u16(1) +
+                           u16(quint16(sps.size())) + sps);
+}
+
 TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
 {
 #ifndef SARVELINTH_ADDRESS_SANITIZER
@@ -236,6 +267,15 @@ TEST(Hostile, CraftedAndKeptInputsEndWithABoundedBalancedReport)
         {"CompressedMovieNestedDeep", compressedMovie(80000, qCompress(deep.left(80000)).mid(4))},
         {"WaveAtomsNestedDeep", header(0, "wave").repeated(1000) + u32(0)},
         {"TerminatorsEverywhere", box("moov", box("udta", u32(0) + box("meta", u32(0)) + u32(0)) + u32(0) + u32(0))},
+        // Bitstreams: Exp-Golomb codes of 32 and more leading zeros, parameter sets of all
+        // ones (the largest counts of reference frames, scaling lists and sub-layers each
+        // code can give), and a sample of a million units of length 0.
+        {"ExpGolombOfZeros", codedMovie("avc1", avcConfig(100, zeros(64) + u8(0x80)), u32(1) + u8(0x65))},
+        {"SpsOfOnes", codedMovie("avc1", avcConfig(100, QByteArray(256, '\xFF')), u32(1) + u8(0x65))},
+        {"SpsOfPocCycleOnes", codedMovie("avc1", avcConfig(66, u8(0x9F) + QByteArray(64, '\xFF')), QByteArray())},
+        {"HevcSpsOfOnes", codedMovie("hvc1", hevcConfig(QByteArray(512, '\xFF')), u32(2) + u8(0x26) + u8(0x01))},
+        {"HevcSpsOfZeros", codedMovie("hvc1", hevcConfig(zeros(512)), u32(2) + u8(0x26) + u8(0x01))},
+        {"MillionZeroLengthUnits", codedMovie("avc1", avcConfig(66, u8(0x80)), zeros(4000000))},
     };
     // clang-format on
     cases += items::hostileItemFiles();

@@ -1,5 +1,6 @@
 #include "DeepRows.h"
 #include "Descriptors.h"
+#include "ParameterSets.h"
 
 // The decoder configurations that sample entries carry, decoded field by field. Each notes
 // in the stream record where its configuration record lies, so that a reader of the record
@@ -242,7 +243,7 @@ void avcParameterSet(PayloadReader &box, const QString &group, quint32 index,
         header.field("nal_unit_type", 5, nameOf(AvcNalUnitTypes, type));
     }
     if (type == 7 && unit >= 4) {
-        box.u8("profile_idc", nameOf(AvcProfiles, box.peekUnsigned(1)));
+        const quint8 profile = box.u8("profile_idc", nameOf(AvcProfiles, box.peekUnsigned(1)));
         PayloadReader::Bits constraints = box.bits(1);
         for (const char *name :
              {"constraint_set0_flag", "constraint_set1_flag", "constraint_set2_flag",
@@ -250,6 +251,11 @@ void avcParameterSet(PayloadReader &box, const QString &group, quint32 index,
             constraints.flag(name);
         constraints.field("reserved_zero_2bits", 2);
         box.u8("level_idc", avcLevel(box.peekUnsigned(1)));
+        readParameterSet(box, end, ParameterSet::AvcSequence, profile);
+    } else if (type == 8 && unit >= 1) {
+        readParameterSet(box, end, ParameterSet::AvcPicture);
+    } else if (type == 13 && unit >= 1) {
+        readParameterSet(box, end, ParameterSet::AvcSequenceExtension);
     }
     box.data("data", leftBefore(box, end));
     box.endGroup();
@@ -346,12 +352,16 @@ int parseHevcConfiguration(PayloadReader &box)
             const quint16 length = box.u16("nal_unit_length");
             const quint64 end = box.at() + qMin<quint64>(length, box.left());
             if (leftBefore(box, end) >= 2) {
-                const QString unitType = nameOf(HevcNalUnitTypes, box.peekUnsigned(1) >> 1 & 0x3F);
+                const quint64 typeCode = box.peekUnsigned(1) >> 1 & 0x3F;
+                const QString unitType = nameOf(HevcNalUnitTypes, typeCode);
                 PayloadReader::Bits unitHeader = box.bits(2);
                 unitHeader.field("forbidden_zero_bit", 1);
                 unitHeader.field("nal_unit_type", 6, unitType);
                 unitHeader.field("nuh_layer_id", 6);
                 unitHeader.field("nuh_temporal_id_plus1", 3);
+                if (typeCode >= 32 && typeCode <= 34)
+                    readParameterSet(
+                        box, end, ParameterSet(int(ParameterSet::HevcVideo) + int(typeCode - 32)));
             }
             box.data("data", leftBefore(box, end));
             box.endGroup();
@@ -395,7 +405,7 @@ int parseAv1Configuration(PayloadReader &box)
     delay.field("reserved", 3);
     const bool present = delay.flag("initial_presentation_delay_present");
     delay.field(present ? "initial_presentation_delay_minus_one" : "reserved", 4);
-    box.data("config_obus", box.left());
+    readConfigurationObus(box);
     return ContainerAbstract::ParseOk;
 }
 

@@ -421,6 +421,21 @@ void PayloadReader::reportBits(quint64 wordAt, int firstBit, int count, const QS
                     name, number.render(value, valueBase()), QString(), comment, index);
 }
 
+void PayloadReader::codedField(quint64 fileBit, quint64 bitCount, const QString &name,
+                               quint64 value, bool isSigned, const QString &comment, qint64 index)
+{
+    parser.addField(true, fileBit / 8, quint8(fileBit % 8), bitCount, name,
+                    isSigned ? Render::i64(qint64(value), valueBase())
+                             : number.render(value, valueBase()),
+                    QString(), comment, index);
+}
+
+void PayloadReader::beginGroupAt(quint64 at, quint64 size, const QString &name, qint64 index)
+{
+    parser.beginElement(at, size, name, index);
+    ++openGroups;
+}
+
 void PayloadReader::beginGroup(const QString &name, qint64 index, quint64 size)
 {
     parser.beginElement(at(), size, name, index);

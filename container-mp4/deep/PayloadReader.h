@@ -128,6 +128,15 @@ public:
     Bits bits(int bytes);
     friend class Bits;
 
+    // A field of a bitstream read apart from this reader, such as a syntax element of a
+    // parameter set: at the bits of the file its code takes, rendered in the value base.
+    void codedField(quint64 fileBit, quint64 bitCount, const QString &name, quint64 value,
+                    bool isSigned, const QString &comment, qint64 index);
+    // A group of such fields over the bytes their bits touch, from at.
+    void beginGroupAt(quint64 at, quint64 size, const QString &name, qint64 index);
+    // Moves on to a position in the file behind the current one.
+    void skipTo(quint64 fileOffset) { skip(fileOffset > at() ? fileOffset - at() : 0); }
+
     // Groups of fields, such as an entry of a list: an element of the given size from the
     // current position. The size is given up front, as the text report shows it before the
     // fields.

@@ -1,4 +1,5 @@
 #include "DeepAnalysis.h"
+#include "SampleUnits.h"
 #include "TableCursor.h"
 
 #include "ContainerMP4.h"
@@ -6,6 +7,7 @@
 #include <algorithm>
 #include <functional>
 #include <limits>
+#include <memory>
 
 namespace {
 // Edits taken into account for presentation times; a list longer than any real file's
@@ -395,12 +397,33 @@ void ContainerMP4::walkTrackSamples()
         facts.duration = TrackBoxes::duration(input, track.mediaHeader);
         facts.language = TrackBoxes::language(input, track.mediaHeader);
         const EditMap edits(input, track, movieTimescale, facts.timescale);
+        // With sample units, each sample's units go with it, read into one buffer.
+        std::unique_ptr<SampleUnitWalk> unitWalk;
+        if (sampleUnits) {
+            const QString path = streams[stream]->boxPath;
+            unitWalk = std::make_unique<SampleUnitWalk>(
+                input, *streams[stream],
+                [this, path](const char *code, Severity severity, quint64 offset, quint64 size,
+                             const QString &message) {
+                    noteProblem(code, severity, offset, size, message, path);
+                });
+            if (!unitWalk->reads())
+                unitWalk.reset();
+        }
+        std::vector<SampleUnit> units;
         TrackWalk walk{input,
                        track,
                        edits,
                        samplesLeft,
-                       [this, stream](quint64 index, const TrackSample &sample) {
-                           reportTrackSample(stream, index, sample);
+                       [this, stream, &unitWalk, &units](quint64 index, const TrackSample &sample) {
+                           if (!unitWalk) {
+                               reportTrackSample(stream, index, sample);
+                               return;
+                           }
+                           unitWalk->read(sample, units);
+                           TrackSample withUnits = sample;
+                           withUnits.units = &units;
+                           reportTrackSample(stream, index, withUnits);
                        },
                        [this](const char *code, Severity severity, const FragmentRun &run,
                               const QString &message) {
@@ -412,5 +435,7 @@ void ContainerMP4::walkTrackSamples()
             walk.switchFile = [this](int file) { return switchToFile(file); };
         walk.walkTables();
         walk.walkFragments();
+        if (unitWalk)
+            unitWalk->finish();
     }
 }

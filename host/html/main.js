@@ -14,6 +14,7 @@ import './views/hex.js';
 import './views/map.js';
 import './views/problems.js';
 import './views/samples.js';
+import './views/units.js';
 import './views/chart.js';
 import './views/items.js';
 

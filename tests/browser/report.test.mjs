@@ -203,6 +203,22 @@ check('deep analysis shows every track with its facts, presentation times and or
   await page.screenshot({ path: path.join(outputDir, 'report-deep.png') });
 });
 
+check('with --units a selected sample opens its units under the samples', async () => {
+  const file = path.join(outputDir, 'units.html');
+  const movie = 'tests/data/deep-hevc.mp4';
+  runTool(['--units', '--format', 'html', '-o', file, movie]);
+  const report = JSON.parse(runTool(['--units', '--format', 'json', movie]).toString());
+  await open(file);
+  await page.locator('#tabs button', { hasText: 'Stream 0:' }).click();
+  assert.ok(await page.locator('#sample-units').isHidden(), 'no units before a sample is selected');
+  await page.locator('#samples .srow').first().click();
+  await page.waitForSelector('#sample-units div');
+  const lines = await page.locator('#sample-units div').allInnerTexts();
+  const units = report.streams[0].samples[0].units;
+  assert.equal(lines.length, units.length);
+  assert.ok(lines[0].startsWith(`@${units[0].offset}+${units[0].size} type ${units[0].type} ${units[0].name}`));
+});
+
 check('a checked file lists its problems, shows their bytes and colours its map by coverage', async () => {
   // The sample cut short inside its last box: boxes past the end, and an unknown box.
   const cut = path.join(outputDir, 'cut.mp4');

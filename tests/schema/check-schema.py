@@ -45,6 +45,7 @@ failures = 0
 runs = [["--format", "json", "--deep", *map(str, files)],
         ["--format", "json", "--check", *map(str, files)],
         ["--format", "json", "--check", "--deep", str(files[0]), *map(str, images)],
+        ["--format", "json", "--check", "--units", *map(str, files)],
         ["--format", "json", "--deep", "--value-base", "16", str(files[0])],
         ["--format", "json", *[str(f) for f in files if f.suffix == ".mp4"], "missing.mp4"],
         # Joined files, and packages read from their manifests.
