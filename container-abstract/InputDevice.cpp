@@ -55,7 +55,7 @@ void InputDevice::openMemory(const QByteArray &bytes)
 
 void InputDevice::beginOverlay(const QByteArray &bytes)
 {
-    covered.push_back({fromFile, length, position, window, windowStart});
+    covered.push_back({fromFile, source, length, position, window, windowStart});
     openMemory(bytes);
 }
 
@@ -65,11 +65,14 @@ void InputDevice::endOverlay()
         return;
     Covered &under = covered.back();
     fromFile = under.fromFile;
+    source = under.source;
     length = under.length;
     position = under.position;
     window = std::move(under.window);
     windowStart = under.windowStart;
     covered.pop_back();
+}
+
 void InputDevice::openSource(ByteSource *byteSource)
 {
     fromFile = false;

@@ -63,6 +63,7 @@ private:
     // The inputs under the overlays, innermost last.
     struct Covered {
         bool fromFile;
+        ByteSource *source;
         qint64 length;
         qint64 position;
         QByteArray window;

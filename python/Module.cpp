@@ -283,8 +283,9 @@ py::dict streamFacts(const SampleArrays::Stream &stream)
 py::dict partsOf(const CoverageParts &parts)
 {
     // The parts in the order and under the names of the reports, in Python's spelling.
-    static const char *const names[] = {"structure", "sample_data", "unreferenced_media_data",
-                                        "filler",    "unknown",     "trailing"};
+    static const char *const names[] = {"structure", "sample_data", "item_data",
+                                        "unreferenced_media_data", "filler", "unknown",
+                                        "trailing"};
     static_assert(std::size(names) == std::size(coveragePartNames));
     py::dict dict;
     for (size_t i = 0; i < std::size(names); ++i)

@@ -265,7 +265,7 @@ TEST(RealFiles, DeepAnalysisDecodesEveryBoxOfTheRealFiles)
 {
     ContainerAbstract::Settings deep;
     deep.deepAnalysis = true;
-    QStringList paths = realFiles();
+    QStringList paths = realFiles() + gstreamerFiles();
     paths << sourcePath("tests/data/frag-dash-segment.m4s");
     for (const QString &path : paths) {
         SCOPED_TRACE(path.toStdString());

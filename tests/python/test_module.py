@@ -100,7 +100,7 @@ def test_problems_and_coverage_come_with_check():
         (p["code"], p["severity"], p["offset"], p["size"], p["path"], p["message"])
         for p in expected["problems"]]
     coverage = report.coverage
-    names = {"structure": "structure", "sample_data": "sampleData",
+    names = {"structure": "structure", "sample_data": "sampleData", "item_data": "itemData",
              "unreferenced_media_data": "unreferencedMediaData", "filler": "filler",
              "unknown": "unknown", "trailing": "trailing"}
     assert {names[part]: bytes for part, bytes in coverage.items() if part in names} == expected[
