@@ -9,6 +9,14 @@
 #include <initializer_list>
 
 // Byte builder for crafted inputs: big-endian words and boxes whose sizes patch themselves.
+// The time bounds of the tests are those of the plain build; the sanitizers slow the code down
+// several times.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr double TimeScale = 5;
+#else
+constexpr double TimeScale = 1;
+#endif
+
 namespace bytes {
 QByteArray u8(quint8 value);
 QByteArray u16(quint16 value);
