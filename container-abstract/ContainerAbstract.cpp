@@ -65,6 +65,7 @@ ContainerAbstract::RunResult ContainerAbstract::run(const QString &fileName, Rep
         checker.emplace(target);
     ReportSink &sink = checker ? static_cast<ReportSink &>(*checker) : target;
     this->sink = &sink;
+    treeWanted = checker || target.takesElementTree();
     const quint64 end = quint64(input.size());
     sink.beginReport(fileName, end);
 
@@ -124,6 +125,7 @@ ContainerAbstract::RunResult ContainerAbstract::parseJoined(const QStringList &f
     // The checks of one file's bytes (coverage, elements past its end) do not span files:
     // problems go to the sink as the parser finds them.
     sink = &target;
+    treeWanted = target.takesElementTree();
     sink->beginReport(fileNames.first(), joinedSize);
     prepareParsing();
     for (int file = 0; file < fileNames.size(); ++file) {

@@ -141,6 +141,8 @@ protected:
     bool deepAnalysis = false;
     bool checkProblems = false;
     bool sampleUnits = false;
+    // Whether the sink of the run takes the element tree; the checks always need it.
+    bool treeWanted = true;
     InputDevice input;
     quint64 currentOffset = 0;
     QVector<ReportSink *> sampleOutputs;

@@ -2,6 +2,11 @@
 
 ReportSink::~ReportSink() = default;
 
+bool ReportSink::takesElementTree() const
+{
+    return true;
+}
+
 void ReportSink::setElementState(ElementState) {}
 
 void ReportSink::addTrackSample(quint64 sampleIndex, const TrackSample &sample)

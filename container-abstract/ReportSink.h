@@ -15,6 +15,10 @@ class SARVELINTH_ABSTRACT_EXPORT ReportSink {
 public:
     virtual ~ReportSink();
 
+    // Whether the sink takes the element tree at all: elements, their fields and notes. A sink
+    // that drops them all (samples only) spares the parser the text of every table entry.
+    virtual bool takesElementTree() const;
+
     virtual void beginReport(const QString &fileName, quint64 fileSize) = 0;
     virtual void endReport() = 0;
 

@@ -274,7 +274,10 @@ private:
     // The record of the current track's stream, or null outside every track.
     StreamInfo *currentStream() const { return streams.isEmpty() ? nullptr : streams.last(); }
     // The buffer the current track records a table into, or null when nothing is recorded.
-    QIODevice *recordingDevice(TableList list);
+    // With an entry width, room is made for the records of the entries (of that width in
+    // the file) that a box of boxSize bytes can hold, each recordWidth bytes in the buffer.
+    QIODevice *recordingDevice(TableList list, quint64 entries = 0, int entryWidth = 0,
+                               quint64 boxSize = 0, int recordWidth = 0);
     // Reads the 4-byte word at position of a table's payload and reports it as the field
     // name; false, with nothing reported, when the payload or the input ends before it.
     bool reportTableWord(TableReader &reader, quint64 offset, quint64 position, const char *name,

@@ -1,5 +1,7 @@
 #include "JsonWriter.h"
 
+#include "UnitsJson.h"
+
 #include <utility>
 
 JsonWriter::JsonWriter(FILE *out, Keys keys)
@@ -529,8 +531,10 @@ void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)
         out.appendLiteral(",\"cttsEntry\":");
         optionalNumber(entryIndex(sample.compositionEntry));
     }
-    if (sample.units)
-        writeUnits(*sample.units);
+    if (sample.units) {
+        out.appendLiteral(",\"units\":");
+        writeUnitsJson(out, *sample.units);
+    }
     out.put('}');
 }
 
@@ -625,69 +629,6 @@ void JsonWriter::addItem(const Item &item)
         out.put('}');
     }
     out.put('}');
-}
-
-void JsonWriter::writeUnits(const std::vector<SampleUnit> &units)
-{
-    out.appendLiteral(",\"units\":[");
-    bool first = true;
-    for (const SampleUnit &unit : units) {
-        if (!first)
-            out.put(',');
-        first = false;
-        out.appendLiteral("{\"offset\":");
-        out.appendUnsigned(unit.offset);
-        out.appendLiteral(",\"size\":");
-        out.appendUnsigned(unit.size);
-        out.appendLiteral(",\"type\":");
-        out.appendUnsigned(quint64(unit.type));
-        // Names of units and SEI messages are plain ASCII of the codec layer's tables.
-        out.appendLiteral(",\"name\":\"");
-        out.appendCString(unit.typeName);
-        out.put('"');
-        // The fields the unit has, by the codec's names.
-        const std::pair<const char *, qint64> fields[] = {
-            {",\"nalRefIdc\":", unit.nalRefIdc},
-            {",\"layerId\":", unit.layerId},
-            {",\"temporalId\":", unit.temporalId},
-            {",\"sliceType\":", unit.sliceType},
-            {",\"firstMbInSlice\":", unit.firstMbInSlice},
-            {",\"firstSliceSegmentInPicFlag\":", unit.firstSliceSegmentInPicFlag},
-        };
-        for (const auto &[key, value] : fields) {
-            if (value >= 0) {
-                out.appendCString(key);
-                out.appendUnsigned(quint64(value));
-            }
-        }
-        if (!unit.sei.empty()) {
-            out.appendLiteral(",\"sei\":[");
-            for (size_t i = 0; i < unit.sei.size(); ++i) {
-                const SeiPayload &payload = unit.sei[i];
-                if (i > 0)
-                    out.put(',');
-                out.appendLiteral("{\"type\":");
-                out.appendUnsigned(payload.type);
-                out.appendLiteral(",\"name\":\"");
-                out.appendCString(payload.name);
-                out.put('"');
-                out.appendLiteral(",\"size\":");
-                out.appendUnsigned(payload.size);
-                if (payload.captions >= 0) {
-                    out.appendLiteral(",\"captions\":");
-                    out.appendUnsigned(quint64(payload.captions));
-                }
-                if (!payload.uuid.isEmpty()) {
-                    out.appendLiteral(",\"uuid\":");
-                    string(payload.uuid);
-                }
-                out.put('}');
-            }
-            out.put(']');
-        }
-        out.put('}');
-    }
-    out.put(']');
 }
 
 void JsonWriter::optionalNumber(std::optional<qint64> value)

@@ -80,7 +80,6 @@ private:
     // The deep facts of a stream, which has them.
     void writeTrackFacts(const StreamInfo &info);
     void writeVideoFacts(const VideoFacts &video);
-    void writeUnits(const std::vector<SampleUnit> &units);
     // A number, or null without one.
     void optionalNumber(std::optional<qint64> value);
     // A table entry's index, or none for -1.

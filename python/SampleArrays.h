@@ -94,6 +94,7 @@ public:
     void flush() override {}
     int writeError() const override { return 0; }
 
+    bool takesElementTree() const override { return false; }
     void beginReport(const QString &name, quint64 size) override;
     void endReport() override {}
     void beginElement(quint64, quint64, const QString &, qint64) override {}

@@ -27,20 +27,28 @@ namespace {
 
 const QString SourceDir = QStringLiteral(SARVELINTH_SOURCE_DIR);
 
-std::unique_ptr<ServeIndex> indexOf(const QString &path, bool deep = false, bool check = false)
+// The settings of deep analysis, checks and sample units alike for the index and the report.
+ContainerAbstract::Settings settingsOf(bool deep, bool check, bool units)
+{
+    ContainerAbstract::Settings settings;
+    settings.deepAnalysis = deep || units;
+    settings.checkProblems = check;
+    settings.sampleUnits = units;
+    return settings;
+}
+
+std::unique_ptr<ServeIndex> indexOf(const QString &path, bool deep = false, bool check = false,
+                                    bool units = false)
 {
     auto index = std::make_unique<ServeIndex>();
     TestParser parser;
-    ContainerAbstract::Settings settings;
-    settings.deepAnalysis = deep;
-    settings.checkProblems = check;
-    parser.configure(settings);
+    parser.configure(settingsOf(deep, check, units));
     index->setContainerName(QStringLiteral("MP4"));
     parser.parse(path, *index);
     return index;
 }
 
-QJsonObject jsonReportOf(const QString &path, bool deep, bool check)
+QJsonObject jsonReportOf(const QString &path, bool deep, bool check, bool units)
 {
     char *data = nullptr;
     size_t size = 0;
@@ -48,10 +56,7 @@ QJsonObject jsonReportOf(const QString &path, bool deep, bool check)
     {
         JsonWriter writer(out, JsonWriter::Keys::Annotated);
         TestParser parser;
-        ContainerAbstract::Settings settings;
-        settings.deepAnalysis = deep;
-        settings.checkProblems = check;
-        parser.configure(settings);
+        parser.configure(settingsOf(deep, check, units));
         writer.setContainerName(QStringLiteral("MP4"));
         parser.parse(path, writer);
         writer.finish();
@@ -103,16 +108,17 @@ struct ServedCase {
     const char *name;
     bool deep;
     bool check;
+    bool units = false;
 };
 class ServeFiles : public testing::TestWithParam<ServedCase> {};
 
 TEST_P(ServeFiles, TreeSamplesAndProblemsAreThoseOfTheJsonReport)
 {
-    const auto [name, deep, check] = GetParam();
+    const auto [name, deep, check, units] = GetParam();
     const QString path = SourceDir + QLatin1Char('/') + QLatin1String(name);
-    const auto index = indexOf(path, deep, check);
+    const auto index = indexOf(path, deep, check, units);
     const ServeApi api(*index, QByteArray());
-    const QJsonObject report = jsonReportOf(path, deep, check);
+    const QJsonObject report = jsonReportOf(path, deep, check, units);
     const QString file = QStringLiteral("/api/v1/files/0");
 
     EXPECT_EQ(servedChildren(api, file, 0), report[QStringLiteral("elements")].toArray());
@@ -155,7 +161,8 @@ INSTANTIATE_TEST_SUITE_P(Files, ServeFiles,
                                          ServedCase{"samples/sample.mp4", false, true},
                                          ServedCase{"tests/data/deep-h264-aac.mov", true, false},
                                          ServedCase{"tests/data/frag-empty-moov.mp4", true, true},
-                                         ServedCase{"tests/data/image-grid.avif", true, true}));
+                                         ServedCase{"tests/data/image-grid.avif", true, true},
+                                         ServedCase{"tests/data/deep-hevc.mp4", true, true, true}));
 
 TEST(Serve, RangesAtTheEdges)
 {

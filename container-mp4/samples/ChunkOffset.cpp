@@ -20,7 +20,8 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        TableRecorder recorder(recordingDevice(&ContainerMP4::chunkOffsetTables));
+        TableRecorder recorder(
+            recordingDevice(&ContainerMP4::chunkOffsetTables, entryCount, int(width), size, 8));
         const QString name = QStringLiteral("chunk_offset");
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount; ++i) {
@@ -37,8 +38,9 @@ int ContainerMP4::parseChunkOffsets(quint64 offset, quint64 size, quint64 width)
                     break;
                 swapBytes(&chunkOffset, 8);
             }
-            reportListField(offset + position, width, name, number.render(chunkOffset, valueBase),
-                            i);
+            if (treeWanted)
+                reportListField(offset + position, width, name,
+                                number.render(chunkOffset, valueBase), i);
             recorder.record(&chunkOffset, 8);
         }
     }

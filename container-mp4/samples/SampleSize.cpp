@@ -15,7 +15,8 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
         return ParseOk;
     }
 
-    QIODevice *device = recordingDevice(&ContainerMP4::sampleSizeTables);
+    QIODevice *device = recordingDevice(&ContainerMP4::sampleSizeTables,
+                                        sampleSize != 0 ? 1 : sampleCount, 4, size, 4);
     if (device) {
         const quint32 leadingWord = sampleSize != 0 ? 1 : sampleCount;
         device->seek(0);
@@ -34,8 +35,9 @@ int ContainerMP4::parseBoxSTSZ(quint64 offset, quint64 size)
         for (quint32 i = 0; i < sampleCount && reader.read(8 + 4 * quint64(i), &entrySize, 4);
              ++i) {
             swapBytes(&entrySize, 4);
-            reportListField(offset + 8 + 4 * quint64(i), 4, name,
-                            number.render(entrySize, valueBase), i);
+            if (treeWanted)
+                reportListField(offset + 8 + 4 * quint64(i), 4, name,
+                                number.render(entrySize, valueBase), i);
             recorder.record(&entrySize, 4);
         }
     }

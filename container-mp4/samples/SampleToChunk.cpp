@@ -11,7 +11,8 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        QIODevice *device = recordingDevice(&ContainerMP4::sampleToChunkTables);
+        QIODevice *device =
+            recordingDevice(&ContainerMP4::sampleToChunkTables, entryCount, 12, size, 12);
         if (device) {
             device->seek(0);
             device->write(reinterpret_cast<const char *>(&entryCount), 4);
@@ -24,14 +25,16 @@ int ContainerMP4::parseBoxSTSC(quint64 offset, quint64 size)
         Render::NumberText number;
         quint32 entry[3];
         for (quint32 i = 0; i < entryCount && reader.read(4 + 12 * quint64(i), entry, 12); ++i) {
-            const quint64 position = offset + 4 + 12 * quint64(i);
-            beginElement(position, 12, QStringLiteral("entry"), i);
-            for (int word = 0; word < 3; ++word) {
-                swapBytes(&entry[word], 4);
-                reportField(position + 4 * quint64(word), 4, names[word],
-                            number.render(entry[word], valueBase));
+            for (quint32 &word : entry)
+                swapBytes(&word, 4);
+            if (treeWanted) {
+                const quint64 position = offset + 4 + 12 * quint64(i);
+                beginElement(position, 12, QStringLiteral("entry"), i);
+                for (int word = 0; word < 3; ++word)
+                    reportField(position + 4 * quint64(word), 4, names[word],
+                                number.render(entry[word], valueBase));
+                endElement();
             }
-            endElement();
             recorder.record(entry, 12);
         }
     }

@@ -11,7 +11,8 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
     quint32 entryCount = 0;
     if (reportTableWord(reader, offset, 0, "entry_count", &entryCount)) {
 
-        QIODevice *device = recordingDevice(&ContainerMP4::syncSampleTables);
+        QIODevice *device =
+            recordingDevice(&ContainerMP4::syncSampleTables, entryCount, 4, size, 4);
         if (device)
             syncTableSeen.last() = true;
         TableRecorder recorder(device);
@@ -21,8 +22,9 @@ int ContainerMP4::parseBoxSTSS(quint64 offset, quint64 size)
         for (quint32 i = 0; i < entryCount && reader.read(4 + 4 * quint64(i), &sampleNumber, 4);
              ++i) {
             swapBytes(&sampleNumber, 4);
-            reportListField(offset + 4 + 4 * quint64(i), 4, name,
-                            number.render(sampleNumber, valueBase), i);
+            if (treeWanted)
+                reportListField(offset + 4 + 4 * quint64(i), 4, name,
+                                number.render(sampleNumber, valueBase), i);
             recorder.record(&sampleNumber, 4);
         }
     }

@@ -20,13 +20,15 @@ int ContainerMP4::parseBoxSTTS(quint64 offset, quint64 size)
         quint32 entry[2];
         Render::NumberText number;
         for (quint32 i = 0; i < entryCount && reader.read(4 + 8 * quint64(i), entry, 8); ++i) {
-            const quint64 position = offset + 4 + 8 * quint64(i);
-            beginElement(position, 8, QStringLiteral("entry"), i);
             swapBytes(&entry[0], 4);
-            reportField(position, 4, countName, number.render(entry[0], valueBase));
             swapBytes(&entry[1], 4);
-            reportField(position + 4, 4, deltaName, number.render(entry[1], valueBase));
-            endElement();
+            if (treeWanted) {
+                const quint64 position = offset + 4 + 8 * quint64(i);
+                beginElement(position, 8, QStringLiteral("entry"), i);
+                reportField(position, 4, countName, number.render(entry[0], valueBase));
+                reportField(position + 4, 4, deltaName, number.render(entry[1], valueBase));
+                endElement();
+            }
 
             if (!device)
                 continue;

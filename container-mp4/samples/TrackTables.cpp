@@ -79,17 +79,27 @@ void ContainerMP4::noteBox(NotedBox kind, quint64 payload, quint64 size)
     }
 }
 
-QIODevice *ContainerMP4::recordingDevice(TableList list)
+QIODevice *ContainerMP4::recordingDevice(TableList list, quint64 entries, int entryWidth,
+                                         quint64 boxSize, int recordWidth)
 {
     QVector<QIODevice *> &tables = this->*list;
     if (currentTrackType != VideoTrack || tables.isEmpty())
         return nullptr;
-    if (!tables.last()) {
-        auto *buffer = new QBuffer();
+    auto *buffer = static_cast<QBuffer *>(tables.last());
+    if (!buffer) {
+        buffer = new QBuffer();
         buffer->open(QIODevice::ReadWrite);
         tables.last() = buffer;
     }
-    return tables.last();
+    // Room for the records of the entries the box holds (and a leading word), at once: a
+    // buffer that grows as they come is copied over and over. A count the box does not back
+    // reserves nothing beyond it, nor does a box that claims more bytes than the input has.
+    if (entryWidth > 0) {
+        const quint64 bytes = qMin(boxSize, quint64(qMax<qint64>(input.size(), 0)));
+        const quint64 held = qMin(entries, bytes / quint64(entryWidth));
+        buffer->buffer().reserve(qsizetype(buffer->pos() + 8 + held * quint64(recordWidth)));
+    }
+    return buffer;
 }
 
 bool ContainerMP4::reportTableWord(TableReader &reader, quint64 offset, quint64 position,

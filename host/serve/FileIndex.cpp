@@ -3,6 +3,7 @@
 #include "Bounds.h"
 #include "JsonText.h"
 #include "SourceBytes.h"
+#include "UnitsJson.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -26,7 +27,7 @@ constexpr size_t MaxInline = 7;
 
 static_assert(sizeof(FileIndex::Element) == 104, "element records are written as they are");
 static_assert(sizeof(FileIndex::Child) == 64, "child records are written as they are");
-static_assert(sizeof(FileIndex::SampleRecord) == 88, "sample records are written as they are");
+static_assert(sizeof(FileIndex::SampleRecord) == 96, "sample records are written as they are");
 constexpr quint64 BasicSampleSize = offsetof(FileIndex::SampleRecord, presentationTime);
 static_assert(sizeof(FileIndex::Summary) == 48, "summaries are written as they are");
 
@@ -481,6 +482,12 @@ void FileIndex::addTrackSample(quint64, const TrackSample &sample)
         record.origin[1] = sample.sampleToChunkEntry;
         record.origin[2] = sample.timeToSampleEntry;
         record.origin[3] = sample.compositionEntry;
+    }
+    if (sample.units) {
+        unitsText.clear();
+        ByteArrayOut out{unitsText};
+        writeUnitsJson(out, *sample.units);
+        record.units = storeEscaped(unitsText.constData(), size_t(unitsText.size()));
     }
     addRecord(record, true);
 }

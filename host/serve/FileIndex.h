@@ -79,6 +79,7 @@ public:
         quint32 flags = 0;
         qint64 presentationTime = 0;
         qint64 origin[5] = {};
+        quint64 units = 0; // the text of the JSON array of its units (--units); 0 without
     };
     // The sizes of a run of samples, split into key frames and others; minima of none are
     // ~0.
@@ -241,6 +242,7 @@ private:
     std::vector<QByteArray> interned;
     Spool texts;
     std::string scratch;
+    QByteArray unitsText; // of the sample being added
 
     Spool elementFile;
     std::vector<Element> window; // element records from windowBase on, not yet written

@@ -254,7 +254,8 @@ void writeStream(QByteArray &out, const FileIndex::Stream &stream)
     object.integer("xMax", stream.xMax);
 }
 
-void writeSample(QByteArray &out, quint64 index, const FileIndex::SampleRecord &sample)
+void writeSample(QByteArray &out, const FileIndex &file, quint64 index,
+                 const FileIndex::SampleRecord &sample)
 {
     json::Object object(out);
     object.number("index", index);
@@ -279,6 +280,8 @@ void writeSample(QByteArray &out, quint64 index, const FileIndex::SampleRecord &
         object.optionalInteger("sttsEntry", entryIndex(sample.origin[2]));
         object.optionalInteger("cttsEntry", entryIndex(sample.origin[3]));
     }
+    if (sample.units)
+        object.key("units") += file.text(sample.units);
 }
 
 // As the report's "coverage": the parts of the file and its map.
@@ -554,7 +557,7 @@ Answer streamAnswer(const FileIndex &file, const QStringList &parts, const QUrlQ
             object.number("total", stream.count);
             json::Array list(object.key("samples"));
             for (size_t i = 0; i < samples.size(); ++i)
-                writeSample(list.next(), from + i, samples[i]);
+                writeSample(list.next(), file, from + i, samples[i]);
         }));
     }
     if (parts[1] == QLatin1String("locate")) {
