@@ -1,5 +1,7 @@
 #include "H264.h"
 
+#include "VideoUsability.h"
+
 namespace H264 {
 
 namespace {
@@ -53,27 +55,7 @@ void hrdParameters(SyntaxReader &r, const char *name)
 void vuiParameters(SyntaxReader &r, VideoFacts &facts)
 {
     r.group("vui_parameters", -1, [&] {
-        if (r.flag("aspect_ratio_info_present_flag")) {
-            if (r.u("aspect_ratio_idc", 8) == 255) {
-                r.u("sar_width", 16);
-                r.u("sar_height", 16);
-            }
-        }
-        if (r.flag("overscan_info_present_flag"))
-            r.flag("overscan_appropriate_flag");
-        if (r.flag("video_signal_type_present_flag")) {
-            r.u("video_format", 3);
-            r.flag("video_full_range_flag");
-            if (r.flag("colour_description_present_flag")) {
-                facts.colourPrimaries = int(r.u("colour_primaries", 8));
-                facts.transferCharacteristics = int(r.u("transfer_characteristics", 8));
-                facts.matrixCoefficients = int(r.u("matrix_coefficients", 8));
-            }
-        }
-        if (r.flag("chroma_loc_info_present_flag")) {
-            r.ue("chroma_sample_loc_type_top_field");
-            r.ue("chroma_sample_loc_type_bottom_field");
-        }
+        videoUsabilityHead(r, facts, "matrix_coefficients");
         if (r.flag("timing_info_present_flag")) {
             const quint64 tick = r.u("num_units_in_tick", 32);
             const quint64 scale = r.u("time_scale", 32);
