@@ -9,7 +9,9 @@
 # ratios. Output goes to /dev/null, the cache is warm. Figures: median wall time, median
 # CPU time (user + system) and the highest peak memory (max RSS) of all rounds.
 #
-# Environment: RUNS (rounds, default 5), INPUTS (default "a b c d").
+# Environment: RUNS (rounds, default 5), INPUTS (default "a b c d"), BASELINE (the command of
+# another build, an earlier commit's say, timed beside this one's to tell whether a change
+# made it slower).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
@@ -34,6 +36,10 @@ commands=(
     "ffprobe packets|ffprobe -v error -show_packets -select_streams v -of json"
 )
 command -v mediainfo >/dev/null && commands+=("mediainfo full|mediainfo --Full")
+if [ -n "${BASELINE:-}" ]; then
+    commands+=("baseline json|$BASELINE --format json" "baseline text|$BASELINE"
+        "baseline deep|$BASELINE --format json --deep")
+fi
 reference="sarvelinth json"
 
 work=$(mktemp -d)
