@@ -1,6 +1,6 @@
 #include "JsonWriter.h"
 
-#include "UnitsJson.h"
+#include "CodecJson.h"
 
 #include <utility>
 
@@ -443,45 +443,10 @@ void JsonWriter::writeTrackFacts(const StreamInfo &info)
         out.appendLiteral(",\"sampleRate\":");
         out.appendUnsigned(facts.sampleRate);
     }
-    if (facts.video)
-        writeVideoFacts(*facts.video);
-}
-
-void JsonWriter::writeVideoFacts(const VideoFacts &video)
-{
-    out.appendLiteral(",\"video\":{\"codedWidth\":");
-    out.appendUnsigned(quint64(video.codedWidth));
-    out.appendLiteral(",\"codedHeight\":");
-    out.appendUnsigned(quint64(video.codedHeight));
-    out.appendLiteral(",\"width\":");
-    out.appendUnsigned(quint64(video.width));
-    out.appendLiteral(",\"height\":");
-    out.appendUnsigned(quint64(video.height));
-    out.appendLiteral(",\"bitDepthLuma\":");
-    out.appendUnsigned(quint64(video.bitDepthLuma));
-    out.appendLiteral(",\"bitDepthChroma\":");
-    out.appendUnsigned(quint64(video.bitDepthChroma));
-    // Codes the stream does not state are left out.
-    const std::pair<const char *, int> codes[] = {
-        {",\"chromaFormat\":", video.chromaFormat},
-        {",\"colourPrimaries\":", video.colourPrimaries},
-        {",\"transferCharacteristics\":", video.transferCharacteristics},
-        {",\"matrixCoefficients\":", video.matrixCoefficients},
-    };
-    for (const auto &[key, code] : codes) {
-        if (code >= 0) {
-            out.appendCString(key);
-            out.appendUnsigned(quint64(code));
-        }
+    if (facts.video) {
+        out.appendLiteral(",\"video\":");
+        writeVideoFactsJson(out, *facts.video);
     }
-    if (video.frameDuration != 0) {
-        out.appendLiteral(",\"frameRate\":{\"timeScale\":");
-        out.appendUnsigned(video.timeScale);
-        out.appendLiteral(",\"frameDuration\":");
-        out.appendUnsigned(video.frameDuration);
-        out.put('}');
-    }
-    out.put('}');
 }
 
 void JsonWriter::addTrackSample(quint64 sampleIndex, const TrackSample &sample)

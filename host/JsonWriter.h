@@ -79,7 +79,6 @@ private:
     void string(const QString &text);
     // The deep facts of a stream, which has them.
     void writeTrackFacts(const StreamInfo &info);
-    void writeVideoFacts(const VideoFacts &video);
     // A number, or null without one.
     void optionalNumber(std::optional<qint64> value);
     // A table entry's index, or none for -1.

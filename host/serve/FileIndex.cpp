@@ -3,7 +3,7 @@
 #include "Bounds.h"
 #include "JsonText.h"
 #include "SourceBytes.h"
-#include "UnitsJson.h"
+#include "CodecJson.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,6 +1,7 @@
 #include "ServeApi.h"
 
 #include "Bounds.h"
+#include "CodecJson.h"
 #include "JsonText.h"
 #include "SourceBytes.h"
 
@@ -183,34 +184,6 @@ void writeChild(QByteArray &out, const FileIndex &file, const FileIndex::Child &
         object.escaped("payload", payload);
 }
 
-// The facts of a video stream, as the JSON report writes them: codes the stream does not
-// state are left out.
-void writeVideoFacts(QByteArray &out, const VideoFacts &video)
-{
-    json::Object object(out);
-    object.integer("codedWidth", video.codedWidth);
-    object.integer("codedHeight", video.codedHeight);
-    object.integer("width", video.width);
-    object.integer("height", video.height);
-    object.integer("bitDepthLuma", video.bitDepthLuma);
-    object.integer("bitDepthChroma", video.bitDepthChroma);
-    const std::pair<const char *, int> codes[] = {
-        {"chromaFormat", video.chromaFormat},
-        {"colourPrimaries", video.colourPrimaries},
-        {"transferCharacteristics", video.transferCharacteristics},
-        {"matrixCoefficients", video.matrixCoefficients},
-    };
-    for (const auto &[key, code] : codes) {
-        if (code >= 0)
-            object.integer(key, code);
-    }
-    if (video.frameDuration != 0) {
-        json::Object rate(object.key("frameRate"));
-        rate.number("timeScale", video.timeScale);
-        rate.number("frameDuration", video.frameDuration);
-    }
-}
-
 void writeStream(QByteArray &out, const FileIndex::Stream &stream)
 {
     const StreamInfo &info = stream.info;
@@ -241,8 +214,10 @@ void writeStream(QByteArray &out, const FileIndex::Stream &stream)
             object.number("channelCount", facts->channelCount);
             object.number("sampleRate", facts->sampleRate);
         }
-        if (facts->video)
-            writeVideoFacts(object.key("video"), *facts->video);
+        if (facts->video) {
+            ByteArrayOut video{object.key("video")};
+            writeVideoFactsJson(video, *facts->video);
+        }
     }
     object.boolean("deep", stream.deep);
     object.number("sampleCount", stream.count);

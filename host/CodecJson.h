@@ -8,8 +8,11 @@
 #include <utility>
 #include <vector>
 
-// The JSON array of a sample's units, as the report and the server's API write it. Out is
-// the report's OutputBuffer or a QByteArray behind ByteArrayOut.
+// The JSON of the codec layer, as the report and the server's API write it: a sample's units
+// and a video stream's facts. Out is the report's OutputBuffer or a QByteArray behind
+// ByteArrayOut.
+
+// The array of a sample's units.
 template <typename Out> void writeUnitsJson(Out &out, const std::vector<SampleUnit> &units)
 {
     out.put('[');
@@ -73,7 +76,44 @@ template <typename Out> void writeUnitsJson(Out &out, const std::vector<SampleUn
     out.put(']');
 }
 
-// The calls writeUnitsJson makes, onto a QByteArray.
+// The object of a video stream's facts: codes the stream does not state are left out.
+template <typename Out> void writeVideoFactsJson(Out &out, const VideoFacts &video)
+{
+    out.appendLiteral("{\"codedWidth\":");
+    out.appendUnsigned(quint64(video.codedWidth));
+    out.appendLiteral(",\"codedHeight\":");
+    out.appendUnsigned(quint64(video.codedHeight));
+    out.appendLiteral(",\"width\":");
+    out.appendUnsigned(quint64(video.width));
+    out.appendLiteral(",\"height\":");
+    out.appendUnsigned(quint64(video.height));
+    out.appendLiteral(",\"bitDepthLuma\":");
+    out.appendUnsigned(quint64(video.bitDepthLuma));
+    out.appendLiteral(",\"bitDepthChroma\":");
+    out.appendUnsigned(quint64(video.bitDepthChroma));
+    const std::pair<const char *, int> codes[] = {
+        {",\"chromaFormat\":", video.chromaFormat},
+        {",\"colourPrimaries\":", video.colourPrimaries},
+        {",\"transferCharacteristics\":", video.transferCharacteristics},
+        {",\"matrixCoefficients\":", video.matrixCoefficients},
+    };
+    for (const auto &[key, code] : codes) {
+        if (code >= 0) {
+            out.appendCString(key);
+            out.appendUnsigned(quint64(code));
+        }
+    }
+    if (video.frameDuration != 0) {
+        out.appendLiteral(",\"frameRate\":{\"timeScale\":");
+        out.appendUnsigned(video.timeScale);
+        out.appendLiteral(",\"frameDuration\":");
+        out.appendUnsigned(video.frameDuration);
+        out.put('}');
+    }
+    out.put('}');
+}
+
+// The calls these writers make, onto a QByteArray.
 struct ByteArrayOut {
     QByteArray &bytes;
 
@@ -81,7 +121,7 @@ struct ByteArrayOut {
     template <size_t N> void appendLiteral(const char (&text)[N]) { bytes.append(text, N - 1); }
     void appendCString(const char *text) { bytes += text; }
     void appendUnsigned(quint64 value) { bytes += QByteArray::number(value); }
-    // The texts of units are plain ASCII: hex digits and dashes.
+    // The texts of the codec layer are plain ASCII: hex digits and dashes.
     void appendString(const QString &text, OutputBuffer::Escaping)
     {
         bytes += '"';
