@@ -283,9 +283,9 @@ py::dict streamFacts(const SampleArrays::Stream &stream)
 py::dict partsOf(const CoverageParts &parts)
 {
     // The parts in the order and under the names of the reports, in Python's spelling.
-    static const char *const names[] = {"structure", "sample_data", "item_data",
-                                        "unreferenced_media_data", "filler", "unknown",
-                                        "trailing"};
+    static const char *const names[] = {
+        "structure", "sample_data", "item_data", "unreferenced_media_data",
+        "filler",    "unknown",     "trailing"};
     static_assert(std::size(names) == std::size(coveragePartNames));
     py::dict dict;
     for (size_t i = 0; i < std::size(names); ++i)
@@ -438,13 +438,17 @@ int checkedBase(const char *name, int base)
     return base;
 }
 
-std::unique_ptr<Report> inspect(const py::object &path, bool deep, bool check, int valueBase,
-                                int sizeBase, bool unknownData, quint64 maxUnknownData)
+std::unique_ptr<Report> inspect(const py::object &path, bool deep, bool check, bool units,
+                                int valueBase, int sizeBase, bool unknownData,
+                                quint64 maxUnknownData)
 {
+    // As on the command line, units come with deep analysis.
+    deep = deep || units;
     Request request;
     request.path = QString::fromStdString(py::str(py::module_::import("os").attr("fspath")(path)));
     request.settings.deepAnalysis = deep;
     request.settings.checkProblems = check;
+    request.settings.sampleUnits = units;
     request.settings.valueBase = checkedBase("value_base", valueBase);
     request.settings.sizeBase = checkedBase("size_base", sizeBase);
     request.settings.showUnknownData = unknownData;
@@ -530,11 +534,13 @@ PYBIND11_MODULE(sarvelinth, module)
              "options), made by parsing the file again.");
 
     module.def("inspect", &inspect, py::arg("path"), py::kw_only(), py::arg("deep") = false,
-               py::arg("check") = false, py::arg("value_base") = 10, py::arg("size_base") = 10,
-               py::arg("unknown_data") = true, py::arg("max_unknown_data") = 64,
+               py::arg("check") = false, py::arg("units") = false, py::arg("value_base") = 10,
+               py::arg("size_base") = 10, py::arg("unknown_data") = true,
+               py::arg("max_unknown_data") = 64,
                "Reads a file, or one an http:// or https:// URL names (with range requests), "
-               "and returns its Report. deep, check, value_base, size_base, "
-               "unknown_data and max_unknown_data are the command's --deep, --check, "
+               "and returns its Report. deep, check, units, value_base, size_base, "
+               "unknown_data and max_unknown_data are the command's --deep, --check, --units "
+               "(the NAL units or OBUs of each sample in to_json(), and the codec checks), "
                "--value-base, --size-base, --no-unknown-data and --max-unknown-data. Parses "
                "without the interpreter's lock, so threads inspect files in parallel. Raises "
                "FileNotFoundError, IsADirectoryError or OSError when the file cannot be read and "

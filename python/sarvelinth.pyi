@@ -72,6 +72,7 @@ def inspect(
     *,
     deep: bool = False,
     check: bool = False,
+    units: bool = False,
     value_base: int = 10,
     size_base: int = 10,
     unknown_data: bool = True,
@@ -79,8 +80,9 @@ def inspect(
 ) -> Report:
     """Reads a file, or one an http:// or https:// URL names, and returns its Report.
 
-    The options are the command's --deep, --check, --value-base, --size-base,
-    --no-unknown-data and --max-unknown-data. Parses without the interpreter's lock, so
+    The options are the command's --deep, --check, --units, --value-base, --size-base,
+    --no-unknown-data and --max-unknown-data. units (which implies deep) reads the NAL units or
+    OBUs of each sample: they are in to_json(), and with check the codec checks run. Parses without the interpreter's lock, so
     threads inspect files in parallel. Raises FileNotFoundError, IsADirectoryError or OSError
     when the file cannot be read and ValueError when no plugin takes it.
     """

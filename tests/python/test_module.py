@@ -15,12 +15,12 @@ import sarvelinth
 from conftest import command, data_files
 
 MODES = {"plain": {}, "deep": {"deep": True}, "check": {"check": True},
-         "deep+check": {"deep": True, "check": True}}
+         "deep+check": {"deep": True, "check": True}, "units+check": {"units": True, "check": True}}
 
 
 def options_of(mode):
-    return [option for name, option in (("deep", "--deep"), ("check", "--check"))
-            if MODES[mode].get(name)]
+    return [option for name, option in (("deep", "--deep"), ("check", "--check"),
+                                        ("units", "--units")) if MODES[mode].get(name)]
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -51,7 +51,7 @@ def test_json_and_samples_are_the_commands(path, mode):
                             ("dts", "dts"), ("pts", "pts"), ("duration", "duration"),
                             ("key", "keyFrame")):
             assert samples[column].tolist() == [sample[key] for sample in listed], column
-        if MODES[mode].get("deep") and listed:
+        if (MODES[mode].get("deep") or MODES[mode].get("units")) and listed:
             times = [sample["presentationTime"] for sample in listed]
             assert samples["presented"].tolist() == [time is not None for time in times]
             assert [int(time) for time, shown in zip(samples["presentation_time"],
