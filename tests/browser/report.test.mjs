@@ -196,6 +196,12 @@ check('deep analysis shows every track with its facts, presentation times and or
   const facts = await page.locator('#stream-facts').innerText();
   assert.match(facts, new RegExp(`Sound\\s+${sound.channelCount} channels, ${sound.sampleRate} Hz`));
   assert.match(facts, /Sample entry\s+mp4a/);
+  assert.ok(facts.includes(`Codecs\t${sound.codecs}`), `the codecs string ${sound.codecs} in ${facts}`);
+  const video = deep.streams.find((s) => s.video);
+  await page.locator('#tabs button', { hasText: `Stream ${video.index}:` }).click();
+  const picture = await page.locator('#stream-facts').innerText();
+  assert.ok(picture.includes(`Picture\tcoded ${video.video.codedWidth}x${video.video.codedHeight}`), picture);
+  await page.locator('#tabs button', { hasText: `Stream ${sound.index}:` }).click();
   const first = await page.locator('#samples .srow').first().locator('span').allInnerTexts();
   const sample = sound.samples[0];
   const presented = sample.presentationTime === null ? '-' : String(sample.presentationTime);

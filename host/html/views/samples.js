@@ -44,6 +44,9 @@ function showStream(stream) {
   if (deep) {
     addFact('Track', `${stream.trackId}, handler ${stream.handlerType || 'not known'}`);
     addFact('Sample entry', stream.sampleEntry || 'none');
+    if (stream.codecs) addFact('Codecs', stream.codecs);
+    if (stream.representation) addFact('Representation', stream.representation);
+    if (stream.video) addFact('Picture', pictureText(stream.video));
     addFact('Time scale', stream.timescale === null ? 'not known' : `${stream.timescale} per second`);
     addFact('Duration', `${stream.duration} (track time units)`);
     addFact('Language', stream.language || 'not given');
@@ -61,6 +64,19 @@ function showStream(stream) {
   samples.setCount(count);
   updateSelectedSample();
   emit('stream', stream);
+}
+
+// What the parameter sets tell of the pictures: "coded 1920x1088, shown 1920x1080, 8 bit
+// 4:2:0, colour 1/1/1, 25/1 frames per second".
+function pictureText(video) {
+  const chroma = ['monochrome', '4:2:0', '4:2:2', '4:4:4'][video.chromaFormat];
+  const parts = [`coded ${video.codedWidth}x${video.codedHeight}, shown ${video.width}x${video.height}`,
+    `${video.bitDepthLuma} bit${chroma ? ` ${chroma}` : ''}`];
+  if (video.colourPrimaries !== undefined) {
+    parts.push(`colour ${video.colourPrimaries}/${video.transferCharacteristics}/${video.matrixCoefficients}`);
+  }
+  if (video.frameRate) parts.push(`${video.frameRate.timeScale}/${video.frameRate.frameDuration} frames per second`);
+  return parts.join(', ');
 }
 
 // The row of the facts that tells the selected sample, with a link to its bytes.
