@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstring>
+
 namespace bytes {
 
 namespace {
@@ -171,4 +174,183 @@ void expectGolden(const QString &name, const QString &actual)
         << "; run the test with UPDATE_GOLDEN=1 to create it, then review it";
     EXPECT_EQ(actual.toStdString(), QString::fromUtf8(file.readAll()).toStdString())
         << "golden file " << path.toStdString();
+}
+
+namespace {
+
+// A reader of JSON values that checks the grammar and keeps nothing of the values but the
+// sizes of the top-level object's arrays.
+class JsonScanner {
+public:
+    explicit JsonScanner(const QByteArray &text)
+        : at(text.constData())
+        , end(text.constData() + text.size())
+    {
+    }
+
+    JsonOutline outline()
+    {
+        JsonOutline result;
+        skipSpace();
+        result.valid = value(0, &result.arraySizes) && (skipSpace(), at == end);
+        return result;
+    }
+
+private:
+    // Deeper than any report nests.
+    static constexpr int MaxDepth = 1000;
+
+    void skipSpace()
+    {
+        while (at < end && (*at == ' ' || *at == '\t' || *at == '\n' || *at == '\r'))
+            ++at;
+    }
+
+    bool take(char c)
+    {
+        skipSpace();
+        if (at == end || *at != c)
+            return false;
+        ++at;
+        return true;
+    }
+
+    bool literal(const char *word)
+    {
+        for (; *word; ++word, ++at) {
+            if (at == end || *at != *word)
+                return false;
+        }
+        return true;
+    }
+
+    bool digits()
+    {
+        const char *start = at;
+        while (at < end && *at >= '0' && *at <= '9')
+            ++at;
+        return at > start;
+    }
+
+    bool number()
+    {
+        if (at < end && *at == '-')
+            ++at;
+        if (at < end && *at == '0')
+            ++at;
+        else if (!digits())
+            return false;
+        if (at < end && *at == '.' && (++at, !digits()))
+            return false;
+        if (at < end && (*at == 'e' || *at == 'E')) {
+            ++at;
+            if (at < end && (*at == '+' || *at == '-'))
+                ++at;
+            return digits();
+        }
+        return true;
+    }
+
+    // A string in valid UTF-8 without control characters; its text in *text when asked for.
+    bool string(QByteArray *text = nullptr)
+    {
+        if (at == end || *at++ != '"')
+            return false;
+        const char *start = at;
+        while (at < end) {
+            const auto c = quint8(*at++);
+            if (c == '"') {
+                if (text)
+                    *text = QByteArray(start, int(at - start - 1));
+                return true;
+            }
+            if (c < 0x20)
+                return false;
+            if (c == '\\') {
+                if (at == end)
+                    return false;
+                const char escape = *at++;
+                if (escape == 'u') {
+                    for (int i = 0; i < 4; ++i, ++at) {
+                        if (at == end || !std::isxdigit(quint8(*at)))
+                            return false;
+                    }
+                } else if (escape == 0 || !std::strchr("\"\\/bfnrt", escape)) {
+                    return false;
+                }
+            } else if (c >= 0x80) {
+                const int more = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC2 ? 1 : -1;
+                if (more < 0 || c > 0xF4)
+                    return false;
+                for (int i = 0; i < more; ++i, ++at) {
+                    if (at == end || (quint8(*at) & 0xC0) != 0x80)
+                        return false;
+                }
+            }
+        }
+        return false;
+    }
+
+    // A value; the array sizes of an object at depth 0 go to *sizes.
+    bool value(int depth, std::map<QByteArray, quint64> *sizes = nullptr, quint64 *count = nullptr)
+    {
+        skipSpace();
+        if (at == end || depth > MaxDepth)
+            return false;
+        switch (*at) {
+        case '{': {
+            ++at;
+            if (take('}'))
+                return true;
+            do {
+                skipSpace();
+                QByteArray key;
+                quint64 elements = 0;
+                if (!string(sizes ? &key : nullptr) || !take(':'))
+                    return false;
+                skipSpace();
+                const bool array = at < end && *at == '[';
+                if (!value(depth + 1, nullptr, &elements))
+                    return false;
+                if (sizes && array)
+                    (*sizes)[key] = elements;
+            } while (take(','));
+            return take('}');
+        }
+        case '[': {
+            ++at;
+            if (take(']'))
+                return true;
+            quint64 elements = 0;
+            do {
+                if (!value(depth + 1))
+                    return false;
+                ++elements;
+            } while (take(','));
+            if (count)
+                *count = elements;
+            return take(']');
+        }
+        case '"':
+            return string();
+        case 't':
+            return literal("true");
+        case 'f':
+            return literal("false");
+        case 'n':
+            return literal("null");
+        default:
+            return number();
+        }
+    }
+
+    const char *at;
+    const char *end;
+};
+
+} // namespace
+
+JsonOutline outlineJson(const QByteArray &text)
+{
+    return JsonScanner(text).outline();
 }
