@@ -414,7 +414,6 @@ TEST(Items, EachCheckHasItsCode)
 }
 
 // Hostile items: each reported in a bounded time as one valid JSON line with all its items.
-// The line of 65,535 items is large: it is read in one pass rather than loaded.
 TEST(Items, HostileItemsGiveOneJsonLineQuickly)
 {
     const std::map<QString, quint64> itemCounts = {{"ItemExtentCountBeyondTheBox", 1},
@@ -443,15 +442,18 @@ TEST(Items, HostileItemsGiveOneJsonLineQuickly)
         output.seek(0);
         const QByteArray text = output.readAll();
         EXPECT_EQ(text.count('\n'), 1);
-        const JsonOutline outline = outlineJson(text);
-        EXPECT_TRUE(outline.valid);
-        EXPECT_EQ(outline.arraySizes.at("items"), itemCounts.at(name));
-        // The small lines are loaded too, to hold the outline to a parser of documents.
-        if (text.size() < 1000000) {
-            QJsonParseError error;
-            QJsonDocument::fromJson(text, &error);
-            EXPECT_EQ(error.error, QJsonParseError::NoError);
-        }
+        // The line of 65,535 items is some 170 MB: Python's parser, which the sanitizers do
+        // not slow down, reads it in seconds.
+        QProcess python;
+        python.start(QStringLiteral("/usr/bin/python3"),
+                     {QStringLiteral("-c"),
+                      QStringLiteral("import json, sys; print(len(json.load(sys.stdin)['items']))"),
+                      QStringLiteral("-")});
+        python.write(text);
+        python.closeWriteChannel();
+        ASSERT_TRUE(python.waitForFinished(60000));
+        EXPECT_EQ(python.exitCode(), 0) << python.readAllStandardError().toStdString();
+        EXPECT_EQ(python.readAllStandardOutput().trimmed().toULongLong(), itemCounts.at(name));
     }
 }
 

@@ -7,7 +7,6 @@
 #include <QString>
 
 #include <initializer_list>
-#include <map>
 
 // Byte builder for crafted inputs: big-endian words and boxes whose sizes patch themselves.
 // The time bounds of the tests are those of the plain build; the sanitizers slow the code down
@@ -62,15 +61,6 @@ QString dump(const ReportTree &report);
 // where a sample of a movie fragment has "moof index@offset traf t trun r entry e" for the last
 // four.
 QString deepDump(const QByteArray &input);
-
-// A JSON document read in one pass without building it, for reports too large to load as
-// documents in a test: whether the text is one valid JSON value with white space at most
-// around it, and the number of elements of each array member of its top-level object.
-struct JsonOutline {
-    bool valid = false;
-    std::map<QByteArray, quint64> arraySizes;
-};
-JsonOutline outlineJson(const QByteArray &text);
 
 // Compares actual with tests/golden/<name>.txt. With UPDATE_GOLDEN=1 in the environment the
 // file is written instead, so a changed report is reviewed as a diff of the golden file.
