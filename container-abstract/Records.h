@@ -173,6 +173,19 @@ struct ItemGrid {
     quint32 outputHeight = 0;
 };
 
+// The layout of an overlay image: the canvas, its fill colour, and where each image it
+// derives from (in the order of its dimg references) lies on it.
+struct ItemOverlay {
+    quint16 canvasFill[4] = {}; // red, green, blue, alpha
+    quint32 outputWidth = 0;
+    quint32 outputHeight = 0;
+    struct Offset {
+        qint32 x = 0;
+        qint32 y = 0;
+    };
+    std::vector<Offset> offsets;
+};
+
 // An item of a file of items, such as an image of a HEIF file, as deep analysis resolves it
 // at the end of the walk.
 struct Item {
@@ -192,6 +205,7 @@ struct Item {
     quint32 width = 0;
     quint32 height = 0;
     std::optional<ItemGrid> grid;
+    std::optional<ItemOverlay> overlay;
 };
 
 // What the bytes of a field shown only by its position hold. Writers that keep a file's

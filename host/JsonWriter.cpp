@@ -593,6 +593,30 @@ void JsonWriter::addItem(const Item &item)
         out.appendUnsigned(grid->outputHeight);
         out.put('}');
     }
+    if (const std::optional<ItemOverlay> &overlay = item.overlay) {
+        out.appendLiteral(",\"overlay\":{\"canvasFill\":[");
+        for (size_t i = 0; i < 4; ++i) {
+            if (i > 0)
+                out.put(',');
+            out.appendUnsigned(overlay->canvasFill[i]);
+        }
+        out.appendLiteral("],\"outputWidth\":");
+        out.appendUnsigned(overlay->outputWidth);
+        out.appendLiteral(",\"outputHeight\":");
+        out.appendUnsigned(overlay->outputHeight);
+        out.appendLiteral(",\"offsets\":[");
+        bool first = true;
+        for (const ItemOverlay::Offset &offset : overlay->offsets) {
+            if (!std::exchange(first, false))
+                out.put(',');
+            out.appendLiteral("{\"x\":");
+            out.appendSigned(offset.x);
+            out.appendLiteral(",\"y\":");
+            out.appendSigned(offset.y);
+            out.put('}');
+        }
+        out.appendLiteral("]}");
+    }
     out.put('}');
 }
 

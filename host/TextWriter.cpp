@@ -107,6 +107,14 @@ void TextWriter::addItem(const Item &item)
         out.put('x');
         out.appendUnsigned(item.grid->columns);
     }
+    if (item.overlay) {
+        out.appendLiteral(", overlay of ");
+        out.appendUnsigned(item.overlay->offsets.size());
+        if (item.overlay->offsets.size() == 1)
+            out.appendLiteral(" image");
+        else
+            out.appendLiteral(" images");
+    }
     if (!item.name.isEmpty()) {
         out.appendLiteral(" \"");
         text(item.name);

@@ -2,23 +2,24 @@
 #include "deep/PayloadReader.h"
 
 #include <algorithm>
+#include <map>
 
-// The layouts of derived images whose data lies in idat: a grid puts its tiles (the items it
-// references by dimg) in rows and columns, an overlay puts its images at offsets on a canvas.
-// They are decoded where their bytes lie, as a group of the idat's fields, so that each
-// field keeps its offset; a layout whose bytes lie elsewhere is told in the item's record.
+// The layouts of derived images: a grid puts its tiles (the items it references by dimg) in
+// rows and columns, an overlay puts its images at offsets on a canvas. Where their bytes lie
+// in idat they are decoded there, as a group of the idat's fields, so that each field keeps
+// its offset; wherever they lie, the end of the walk reads them into the item's record.
 
 namespace {
 
-// The number of images an item derives from: the IDs of its dimg references.
-quint64 derivedFrom(const ItemWalk &items, quint32 id)
+// The number of images each item derives from: the IDs of its dimg references.
+std::map<quint32, quint64> derivedCounts(const ItemWalk &items)
 {
-    quint64 count = 0;
+    std::map<quint32, quint64> counts;
     for (const ItemWalk::Reference &reference : items.references) {
-        if (reference.from == id && reference.type == QLatin1String("dimg"))
-            count += reference.to.size();
+        if (reference.type == QLatin1String("dimg"))
+            counts[reference.from] += reference.to.size();
     }
-    return count;
+    return counts;
 }
 
 // The size fields of both layouts: of 4 bytes with flag 1, else of 2.
@@ -73,16 +74,19 @@ void decodeDerivedImages(PayloadReader &box, const ItemWalk &items)
         quint32 id = 0;
         bool grid = true;
     };
+    std::map<quint32, const ItemWalk::Location *> locations;
+    for (const ItemWalk::Location &location : items.locations)
+        locations.emplace(location.id, &location);
     std::vector<Layout> layouts;
     for (const ItemWalk::Info &info : items.infos) {
         const bool grid = info.type == QLatin1String("grid");
         if (!grid && info.type != QLatin1String("iovl"))
             continue;
-        const auto location =
-            std::find_if(items.locations.begin(), items.locations.end(),
-                         [&](const ItemWalk::Location &entry) { return entry.id == info.id; });
-        if (location == items.locations.end() || location->constructionMethod != 1 ||
-            location->extents.size() != 1)
+        const auto found = locations.find(info.id);
+        if (found == locations.end())
+            continue;
+        const ItemWalk::Location *location = found->second;
+        if (location->constructionMethod != 1 || location->extents.size() != 1)
             continue;
         const ItemWalk::Location::Extent &extent = location->extents.front();
         const quint64 start = location->baseOffset + extent.offset;
@@ -94,6 +98,7 @@ void decodeDerivedImages(PayloadReader &box, const ItemWalk &items)
     }
     std::sort(layouts.begin(), layouts.end(),
               [](const Layout &a, const Layout &b) { return a.start < b.start; });
+    const std::map<quint32, quint64> images = derivedCounts(items);
     const quint64 begin = box.at();
     for (const Layout &layout : layouts) {
         const quint64 done = box.at() - begin;
@@ -109,11 +114,66 @@ void decodeDerivedImages(PayloadReader &box, const ItemWalk &items)
         box.beginGroup(layout.grid ? QStringLiteral("image_grid") : QStringLiteral("image_overlay"),
                        -1, layout.length);
         const quint64 groupStart = box.at();
+        const auto count = images.find(layout.id);
         if (layout.grid)
             decodeGrid(box);
         else
-            decodeOverlay(box, layout.length, derivedFrom(items, layout.id));
+            decodeOverlay(box, layout.length, count == images.end() ? 0 : count->second);
         box.data("data", layout.length - qMin(layout.length, box.at() - groupStart));
         box.endGroup();
     }
+}
+
+quint64 layoutBytes(const QString &type, quint64 images)
+{
+    // With sizes of 4 bytes: 12 for a grid; 18 and 8 per image for an overlay.
+    if (type == QLatin1String("grid"))
+        return 12;
+    if (type == QLatin1String("iovl"))
+        return 18 + 8 * images;
+    return 0;
+}
+
+void decodeLayoutRecord(Item &item, const QByteArray &bytes, quint64 images)
+{
+    const auto byte = [&](qsizetype at) { return quint8(bytes[at]); };
+    if (bytes.size() < 2)
+        return;
+    const int width = (byte(1) & 1) ? 4 : 2;
+    // A big-endian number of width bytes at the cursor, which moves past it.
+    qsizetype at = 2;
+    const auto number = [&](int size) {
+        quint32 value = 0;
+        for (int i = 0; i < size; ++i)
+            value = value << 8 | byte(at++);
+        return value;
+    };
+    if (item.type == QLatin1String("grid")) {
+        if (bytes.size() < 4 + 2 * width)
+            return;
+        ItemGrid grid;
+        grid.rows = number(1) + 1u;
+        grid.columns = number(1) + 1u;
+        grid.outputWidth = number(width);
+        grid.outputHeight = number(width);
+        item.grid = grid;
+        return;
+    }
+    if (bytes.size() < 10 + 2 * width)
+        return;
+    ItemOverlay overlay;
+    for (quint16 &channel : overlay.canvasFill)
+        channel = quint16(number(2));
+    overlay.outputWidth = number(width);
+    overlay.outputHeight = number(width);
+    // Offsets are signed, of the width of the sizes.
+    const auto offset = [&] {
+        const quint32 value = number(width);
+        return width == 4 ? qint32(value) : qint32(qint16(quint16(value)));
+    };
+    for (quint64 i = 0; i < images && at + 2 * width <= bytes.size(); ++i) {
+        const qint32 x = offset();
+        overlay.offsets.push_back({x, offset()});
+    }
+    item.overlay = std::move(overlay);
 }

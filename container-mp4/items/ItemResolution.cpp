@@ -8,8 +8,8 @@
 
 // The end of the walk for the items of the file's top-level meta box: where each item's bytes
 // lie in the file, through its construction method and base offset, its properties and its
-// references both ways, the layout of a grid; then the checks of what the item boxes say of
-// each other, and each item to the report in the order of iinf.
+// references both ways, the layout of a grid or an overlay; then the checks of what the item boxes
+// say of each other, and each item to the report in the order of iinf.
 
 namespace {
 
@@ -162,6 +162,28 @@ private:
     std::map<quint32, const ItemWalk::Location *> locations;
     quint64 work = 0; // steps left
 };
+
+// Up to limit bytes of an item's data, its extents one behind the other, read through the
+// input; fewer where the extents or the input end first.
+QByteArray readItemData(InputDevice &input, const std::vector<ItemExtent> &extents, quint64 limit)
+{
+    QByteArray bytes;
+    for (const ItemExtent &extent : extents) {
+        const quint64 wanted = limit - quint64(bytes.size());
+        if (wanted == 0)
+            break;
+        const quint64 count = qMin(qMin(extent.length, wanted), input.bytesFrom(extent.offset));
+        const qsizetype at = bytes.size();
+        bytes.resize(at + qsizetype(count));
+        const qint64 got = input.seek(qint64(extent.offset))
+                               ? input.readBytes(bytes.data() + at, qint64(count))
+                               : 0;
+        bytes.resize(at + qsizetype(qMax<qint64>(got, 0)));
+        if (quint64(qMax<qint64>(got, 0)) < extent.length)
+            break;
+    }
+    return bytes;
+}
 
 QString plural(quint64 count, const char *one, const char *many)
 {
@@ -325,7 +347,7 @@ void ContainerMP4::reportItems()
         records.push_back(std::move(item));
     }
 
-    // Sizes from ispe, grids from their data, and the checks that need both.
+    // Sizes from ispe, grids and overlays from their data, and the checks that need both.
     for (Item &item : records) {
         for (const ItemProperty &property : item.properties) {
             if (property.type != QLatin1String("ispe"))
@@ -350,45 +372,23 @@ void ContainerMP4::reportItems()
                             .arg(item.type),
                         info.path);
         }
-        if (item.type != QLatin1String("grid") || !item.extents)
+        if (!item.extents)
             continue;
-        // The layout: 8 bytes, or 12 with 32-bit sizes.
-        unsigned char bytes[12] = {};
-        quint64 got = 0;
-        for (const ItemExtent &extent : *item.extents) {
-            for (quint64 i = 0; i < extent.length && got < 12; ++i) {
-                if (extent.offset + i >= fileSize)
-                    break;
-                input.seek(qint64(extent.offset + i));
-                char byte = 0;
-                if (input.readBytes(&byte, 1) != 1)
-                    break;
-                bytes[got++] = quint8(byte);
-            }
-        }
-        const bool wide = bytes[1] & 1;
-        if (got < (wide ? 12u : 8u))
-            continue;
-        ItemGrid grid;
-        grid.rows = bytes[2] + 1u;
-        grid.columns = bytes[3] + 1u;
-        const auto number = [&](int at, int width) {
-            quint32 value = 0;
-            for (int i = 0; i < width; ++i)
-                value = value << 8 | bytes[at + i];
-            return value;
-        };
-        grid.outputWidth = number(4, wide ? 4 : 2);
-        grid.outputHeight = number(wide ? 8 : 6, wide ? 4 : 2);
-        item.grid = grid;
-        const ItemWalk::Info &info = items.infos[byId[item.id]];
-        std::vector<quint32> tiles;
+        std::vector<quint32> derived;
         for (const ItemReference &reference : item.references) {
             if (reference.outgoing && reference.type == QLatin1String("dimg"))
-                tiles.insert(tiles.end(), reference.items.begin(), reference.items.end());
+                derived.insert(derived.end(), reference.items.begin(), reference.items.end());
         }
+        const quint64 limit = layoutBytes(item.type, derived.size());
+        if (limit == 0)
+            continue;
+        decodeLayoutRecord(item, readItemData(input, *item.extents, limit), derived.size());
+        if (!item.grid)
+            continue;
+        const ItemGrid &grid = *item.grid;
+        const ItemWalk::Info &info = items.infos[byId[item.id]];
         const quint64 cells = quint64(grid.rows) * grid.columns;
-        if (tiles.size() != cells) {
+        if (derived.size() != cells) {
             noteProblem("grid-tile-count", Severity::Error, info.offset, 0,
                         QStringLiteral("grid item %1 has %2 rows of %3 columns, %4 cells, and "
                                        "references %5")
@@ -396,10 +396,10 @@ void ContainerMP4::reportItems()
                             .arg(grid.rows)
                             .arg(grid.columns)
                             .arg(cells)
-                            .arg(plural(tiles.size(), "tile", "tiles")),
+                            .arg(plural(derived.size(), "tile", "tiles")),
                         info.path);
-        } else if (!tiles.empty()) {
-            const auto tile = byId.find(tiles.front());
+        } else if (!derived.empty()) {
+            const auto tile = byId.find(derived.front());
             if (tile == byId.end())
                 continue;
             const Item &first = records[tile->second];

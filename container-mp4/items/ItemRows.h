@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ItemWalk.h"
+#include "Records.h"
 #include "deep/DeepRows.h"
 
 // The items of a file (items/): the boxes that tell them, their properties, and what is
@@ -21,3 +22,10 @@ bool knownProperty(const QString &type);
 // Decodes the grid and overlay layouts of the items that lie in the idat being read, in the
 // order of their offsets; shows the other bytes as data.
 void decodeDerivedImages(PayloadReader &box, const ItemWalk &items);
+
+// The most bytes of an item's data its layout takes, for a grid or an overlay of the given
+// number of images; 0 for an item of another type.
+quint64 layoutBytes(const QString &type, quint64 images);
+// The layout of a grid or overlay item into its record, from the first bytes of its data;
+// nothing where they are too few.
+void decodeLayoutRecord(Item &item, const QByteArray &bytes, quint64 images);

@@ -60,6 +60,7 @@ function showReport(report) {
   state.mark = null;
   state.problem = -1;
   state.stream = null;
+  state.related = new Set();
   emit('reset', report);
   document.title = `${report.file} · sarvelinth`;
   $('file-name').textContent = report.file;

@@ -19,6 +19,7 @@ export const state = {
   rows: [], // visible tree rows: elements, or { placeholder: parent, index } not yet there
   tab: 'boxes',
   stream: null,
+  related: new Set(), // ids of elements marked beside the selection: the chosen item's properties
 };
 
 // The news by name, with what it carries. Listeners hear it in the order they were added,
@@ -30,6 +31,7 @@ export const state = {
 //   element (node, options)   an element was selected (state.selected)
 //   field (index, options)    a field of it was selected (state.field, state.fieldIndex)
 //   mark (from)               bytes of the selected element were marked (state.mark)
+//   related                   other elements were marked beside the selection (state.related)
 //   rows                      the rows of the tree were made again (state.rows)
 //   filter                    the filter changed (state.filter)
 //   stream (stream)           a stream's tab was shown (state.stream)
@@ -79,6 +81,12 @@ export function selectField(index, options = {}) {
   state.fieldIndex = index;
   state.field = fieldRange(child);
   emit('field', index, options);
+}
+
+// Marks elements beside the selection, such as the property boxes of an item.
+export function markRelated(nodes) {
+  state.related = new Set(nodes.map((node) => node.id));
+  emit('related', nodes);
 }
 
 export function selectSample(i) {

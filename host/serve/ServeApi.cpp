@@ -336,6 +336,22 @@ void writeItem(QByteArray &out, const Item &item)
         grid.number("outputWidth", item.grid->outputWidth);
         grid.number("outputHeight", item.grid->outputHeight);
     }
+    if (item.overlay) {
+        json::Object overlay(object.key("overlay"));
+        {
+            json::Array fill(overlay.key("canvasFill"));
+            for (const quint16 channel : item.overlay->canvasFill)
+                json::appendNumber(fill.next(), channel);
+        }
+        overlay.number("outputWidth", item.overlay->outputWidth);
+        overlay.number("outputHeight", item.overlay->outputHeight);
+        json::Array offsets(overlay.key("offsets"));
+        for (const ItemOverlay::Offset &offset : item.overlay->offsets) {
+            json::Object entry(offsets.next());
+            entry.integer("x", offset.x);
+            entry.integer("y", offset.y);
+        }
+    }
 }
 
 void writeFile(QByteArray &out, size_t number, const ServeIndex::File &file)

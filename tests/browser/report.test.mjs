@@ -266,7 +266,7 @@ check('a checked file lists its problems, shows their bytes and colours its map 
   assert.match(await page.locator('#coverage-legend').innerText(), new RegExp(`sample data: ${checked.coverage.parts.sampleData} bytes`));
 });
 
-check('the items of an image are listed, and choosing one marks its bytes', async () => {
+check('the items of an image are listed, and choosing one marks its bytes and property boxes', async () => {
   const image = 'tests/data/image-two.heic';
   const file = path.join(outputDir, 'image.html');
   runTool(['--format', 'html', '--deep', '--check', '-o', file, image]);
@@ -283,6 +283,8 @@ check('the items of an image are listed, and choosing one marks its bytes', asyn
   const grid = items.findIndex((item) => item.type === 'grid');
   await page.locator(`#items .prow[data-row="${grid}"]`).click();
   await page.waitForFunction(() => document.querySelector('#element-head h2')?.textContent === 'idat');
+  assert.deepEqual(await page.locator('#tree .trow.related .tname').allInnerTexts(),
+    items[grid].properties.map((property) => property.type));
   const extent = items[grid].extents[0];
   await page.waitForSelector('#hex .hbytes .mark');
   assert.equal((await page.locator('#hex .hbytes .mark').allInnerTexts()).join(' '),

@@ -1,7 +1,7 @@
 // Opens the page of `sarvelinth --serve` in Debian's chromium, headless, on a file of
 // 200,000 samples made with FFmpeg, and uses it as a person would: opens the video track,
 // scrolls the sample table to its end, zooms the chart, selects a sample and sees its bytes,
-// and lists the problems the check found.
+// and lists the problems the check found; and, on a second server, the items of an image.
 // The server runs on 127.0.0.1 and is stopped with SIGTERM by its process id; the page may
 // ask nothing of any other address. Screenshots go to the output directory.
 //
@@ -50,25 +50,38 @@ function fileBytes(offset, size) {
 
 // ---- The server --------------------------------------------------------------------------
 
-const server = spawn(sarvelinth, ['--serve', '--check', movie], { stdio: ['ignore', 'ignore', 'pipe'] });
-let serverErr = '';
-const serverExit = new Promise((resolve) => server.on('exit', (code, signal) => resolve({ code, signal })));
-const address = await new Promise((resolve, reject) => {
-  const timer = setTimeout(() => reject(new Error(`the server did not start: ${serverErr}`)), 60000);
-  server.stderr.on('data', (data) => {
-    serverErr += data;
-    const match = /serving (http:\/\/127\.0\.0\.1:\d+\/)/.exec(serverErr);
-    if (match) {
-      clearTimeout(timer);
-      resolve(match[1]);
-    }
+// Stopped with SIGTERM by its process id at the end; ended() tells how it ended.
+async function startServer(args) {
+  const server = spawn(sarvelinth, ['--serve', ...args], { stdio: ['ignore', 'ignore', 'pipe'] });
+  let serverErr = '';
+  const exit = new Promise((resolve) => server.on('exit', (code, signal) => resolve({ code, signal })));
+  const address = await new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error(`the server did not start: ${serverErr}`)), 60000);
+    server.stderr.on('data', (data) => {
+      serverErr += data;
+      const match = /serving (http:\/\/127\.0\.0\.1:\d+\/)/.exec(serverErr);
+      if (match) {
+        clearTimeout(timer);
+        resolve(match[1]);
+      }
+    });
+    server.on('exit', () => reject(new Error(`the server ended: ${serverErr}`)));
   });
-  server.on('exit', () => reject(new Error(`the server ended: ${serverErr}`)));
-});
+  const ended = () => {
+    server.kill('SIGTERM');
+    return exit;
+  };
+  return { address, ended };
+}
+
+const image = path.join(path.dirname(new URL(import.meta.url).pathname), '../data/image-two.heic');
+const servers = [await startServer(['--check', movie]), await startServer(['--deep', '--check', image])];
+const [{ address }, { address: imageAddress }] = servers;
 
 // ---- The browser -------------------------------------------------------------------------
 
-const { page, problems, close } = await openBrowser(chromium, (url) => url.startsWith(address));
+const { page, problems, close } = await openBrowser(chromium,
+  (url) => url.startsWith(address) || url.startsWith(imageAddress));
 
 const api = (route) => page.evaluate((url) => fetch(url).then((r) => r.json()), `${address}api/v1/files/0${route}`);
 const noneLoading = (selector) =>
@@ -185,16 +198,32 @@ check('the problems of the check are asked for, and one chosen shows its box', a
   await page.waitForFunction((n) => document.querySelector('#element-head h2')?.textContent === n, name);
 });
 
+check('the items of a served image are listed, and choosing one marks its property boxes', async () => {
+  await page.goto(imageAddress);
+  const items = await page.evaluate((url) => fetch(url).then((r) => r.json()), `${imageAddress}api/v1/files/0`)
+    .then((facts) => facts.items);
+  await page.locator('#tabs button', { hasText: `Items (${items.length})` }).click();
+  await page.waitForSelector('#items .prow');
+  assert.equal(await page.locator('#items .prow').count(), items.length);
+  const grid = items.findIndex((item) => item.type === 'grid');
+  await page.locator(`#items .prow[data-row="${grid}"]`).click();
+  await page.waitForFunction(() => document.querySelector('#element-head h2')?.textContent === 'idat');
+  await page.waitForSelector('#tree .trow.related');
+  assert.deepEqual(await page.locator('#tree .trow.related .tname').allInnerTexts(),
+    items[grid].properties.map((property) => property.type));
+});
+
 let failed = 0;
 try {
   failed = await runChecks(checks, problems);
 } finally {
   await close();
-  server.kill('SIGTERM');
-  const { code, signal } = await serverExit;
-  if (code !== 0) {
-    failed++;
-    console.log(`not ok - the server ends cleanly on SIGTERM (exit ${code}, signal ${signal})`);
+  for (const server of servers) {
+    const { code, signal } = await server.ended();
+    if (code !== 0) {
+      failed++;
+      console.log(`not ok - the server ends cleanly on SIGTERM (exit ${code}, signal ${signal})`);
+    }
   }
   rmSync(work, { recursive: true, force: true });
 }

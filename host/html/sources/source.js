@@ -18,6 +18,8 @@
 //                                the samples from x0 to x1 summed up per column: for each,
 //                                its first sample and count, its key frames, and the least
 //                                and largest size of key frames and of other samples
+// The element at a path of the reports (nodeAtPath) is found through the child elements, so
+// both sources give it alike.
 // Elements are nodes (prepareNode) whose kids (child elements) and items (all children)
 // are paged rows (PagedRows); a stream's samples are its rows, a report's problems its
 // problemRows, and its bytes give segments(from, to) and get(offset). Rows and bytes that
@@ -34,5 +36,25 @@ export function prepareNode(report, node, parent) {
   node.lowerName = String(node.name).toLowerCase();
   node.open = false;
   report.nodes.set(node.id, node);
+  return node;
+}
+
+// The element at a path of the reports, such as "meta/iprp/ipco/ispe[1]": each step a type,
+// and the place among the siblings of that type where it is not the first. Null when there
+// is none. The child elements come from the source as the steps need them.
+export async function nodeAtPath(report, path) {
+  let node = report.root;
+  for (const step of path.split('/')) {
+    const [, name, place] = /^(.*?)(?:\[(\d+)\])?$/.exec(step);
+    const wanted = Number(place || 0);
+    let seen = 0;
+    let found = null;
+    for (let i = 0; i < node.kidCount && !found; i++) {
+      const kid = await node.kids.fetch(i);
+      if (kid && kid.name === name && seen++ === wanted) found = kid;
+    }
+    if (!found) return null;
+    node = found;
+  }
   return node;
 }

@@ -1,11 +1,13 @@
 // The Items tab of a file of images (HEIF, HEIC, AVIF) in deep mode: one row per item with
-// its type, size, properties and references; choosing an item shows its first extent in its
-// box, marked in the map and the hex view. The items come with the report of the page, and
+// its type, size, properties and references; choosing an item marks its property boxes in
+// the tree and shows its first extent in its box, marked in the map and the hex view (or,
+// without bytes, its first property box). The items come with the report of the page, and
 // with the file's record from the server of --serve.
-import { $, el, span } from '../dom.js';
+import { $, el, reportProblem, span } from '../dom.js';
 import { num } from '../format.js';
 import { VirtualList } from '../lists.js';
-import { on, showBytes, state } from '../state.js';
+import { nodeAtPath } from '../sources/source.js';
+import { markRelated, on, selectElement, showBytes, showTab, state } from '../state.js';
 
 const itemList = new VirtualList($('items'), 22, renderItemRow);
 let selectedItem = -1;
@@ -46,8 +48,21 @@ function selectItem(i) {
   selectedItem = Math.max(0, Math.min(items.length - 1, i));
   itemList.reveal(selectedItem);
   itemList.render();
-  const extent = (items[selectedItem].extents || [])[0];
-  if (extent) showBytes(num(extent.offset), num(extent.length));
+  const item = items[selectedItem];
+  const report = state.report;
+  const paths = item.properties.map((property) => property.path).filter(Boolean);
+  Promise.all(paths.map((path) => nodeAtPath(report, path))).then((found) => {
+    if (state.report !== report || items[selectedItem] !== item) return;
+    const properties = found.filter(Boolean);
+    markRelated(properties);
+    const extent = (item.extents || [])[0];
+    if (extent) {
+      showBytes(num(extent.offset), num(extent.length));
+    } else if (properties.length) {
+      showTab('boxes');
+      selectElement(properties[0]);
+    }
+  }, reportProblem);
 }
 
 $('items').addEventListener('click', (event) => {

@@ -71,6 +71,7 @@ function renderTreeRow(i) {
   row.append(span('tat', `@${node.offset}`), span('tsize', `${node.size} bytes`));
   if (node.note) row.append(span('tnote', node.note, node.note));
   if (node === state.selected) row.classList.add('selected');
+  if (state.related.has(node.id)) row.classList.add('related');
   if (filter && filter.marks.get(node.id) & 1) row.classList.add('match');
   return row;
 }
@@ -87,12 +88,16 @@ function toggle(node) {
   flattenTree();
 }
 
-// Opens the path to node and shows it in the tree; the filter goes when it hides node.
-function revealInTree(node) {
+function openPathTo(node) {
   for (let up = node.parent; up && up.parent; up = up.parent) {
     if (state.filter) state.filter.open.set(up.id, true);
     else up.open = true;
   }
+}
+
+// Opens the path to node and shows it in the tree; the filter goes when it hides node.
+function revealInTree(node) {
+  openPathTo(node);
   flattenTree();
   const shown = (row) => row === node || (row.placeholder === node.parent && row.index === num(node.position));
   let index = state.rows.findIndex(shown);
@@ -210,6 +215,10 @@ function clearFilter() {
 on('element', (node, options) => {
   if (options.reveal !== false) revealInTree(node);
   else tree.render();
+});
+on('related', (nodes) => {
+  nodes.forEach(openPathTo);
+  flattenTree();
 });
 on('tab', (tab) => {
   if (tab === 'boxes') tree.render();
