@@ -15,9 +15,12 @@
 
 namespace {
 
-// References of sidx boxes held at once for the checks, waiting for the boxes they cover: a
-// file of many large indexes that all reach far ahead has those beyond not checked.
+// References of sidx boxes held at once for the checks, waiting for the boxes they cover, and
+// the sidx boxes they belong to, each of which every top-level box is held against: a file of
+// many indexes that all reach far ahead has those beyond not checked. Real files wait on a
+// few at a time: one per track, or the levels of a hierarchy.
 constexpr size_t MaxHeldReferences = 100000;
+constexpr size_t MaxHeldIndexes = 32;
 // The bytes of the brands of an ftyp or styp that are looked at for those of CMAF.
 constexpr quint64 MaxBrandBytes = 4096;
 
@@ -57,7 +60,8 @@ int parseSegmentIndex(PayloadReader &box)
     DeepAnalysis *deep = box.deep();
     // The references of a top-level sidx are checked against the top-level boxes behind it.
     const bool held = box.checks() && box.parentType().isEmpty() && !box.insideInflated() &&
-                      deep->heldReferences + count <= MaxHeldReferences;
+                      deep->heldReferences + count <= MaxHeldReferences &&
+                      deep->segmentIndexes.size() < MaxHeldIndexes;
     if (held)
         walk.references.reserve(count);
     walk.entries = box.at();
@@ -78,8 +82,10 @@ int parseSegmentIndex(PayloadReader &box)
     }
     box.rest();
     if (box.checks() && box.parentType().isEmpty() && !held)
-        box.note(QStringLiteral("Its references are not checked: the sidx boxes before it hold "
-                                "%1 references not yet met, the most that are held.")
+        box.note(QStringLiteral("Its references are not checked: the sidx boxes before it wait "
+                                "for the boxes of their references, %1 boxes or %2 references "
+                                "being the most that are held.")
+                     .arg(MaxHeldIndexes)
                      .arg(MaxHeldReferences));
     if (held && box.ok() && !walk.references.empty()) {
         walk.path = box.path();
