@@ -98,7 +98,7 @@ int parseMovieFragment(PayloadReader &box)
     const int result = box.walkChildren();
     // A CMAF fragment holds the samples of one track.
     if (box.deep()->cmaf && walk.trafCount != 1)
-        box.problem("cmaf-traf-count", Severity::Error,
+        box.problem("cmaf-traf-count", Severity::Warning,
                     QStringLiteral("the movie fragment of a CMAF file holds %1 track fragments, "
                                    "where it holds one")
                         .arg(walk.trafCount));
@@ -141,7 +141,7 @@ int parseTrackFragment(PayloadReader &box)
     const int result = box.walkChildren();
     // The samples of a CMAF track fragment say when they decode.
     if (box.deep()->cmaf && !walk.decodeTimeSeen)
-        box.problem("cmaf-tfdt-missing", Severity::Error,
+        box.problem("cmaf-tfdt-missing", Severity::Warning,
                     QStringLiteral("the track fragment of a CMAF file has no tfdt"));
     // The next track fragment without a base of its own goes on behind this one's data.
     walk.moofDataEnd = walk.dataEnd;
@@ -177,7 +177,7 @@ int parseTrackFragmentHeader(PayloadReader &box)
     box.rest();
     // A CMAF fragment can be moved as it is: its data is found from the moof's first byte.
     if (deep->cmaf && box.ok() && (!(flags & DefaultBaseIsMoof) || (flags & BaseDataOffsetPresent)))
-        box.problem("cmaf-base-not-moof", Severity::Error,
+        box.problem("cmaf-base-not-moof", Severity::Warning,
                     (flags & BaseDataOffsetPresent)
                         ? QStringLiteral("the track fragment header of a CMAF file gives a "
                                          "base_data_offset")

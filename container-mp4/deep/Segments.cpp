@@ -313,6 +313,12 @@ void ContainerMP4::checkTopLevelBox(const QString &type, quint64 start, quint64 
                 finishReference(index);
                 continue;
             }
+            if (!index.begun && start == index.start && type == QLatin1String("prft")) {
+                // Writers put the producer time of a fragment before its moof and leave it
+                // out of the referenced size: the reference begins behind it.
+                index.start = end;
+                break;
+            }
             if (start < index.start) {
                 // A box that reaches into the reference from before it.
                 index.broken = index.broken || end > index.start;
@@ -438,14 +444,14 @@ void ContainerMP4::checkFragmentData(std::optional<std::pair<quint64, quint64>> 
         return;
     const auto [first, end] = *fragment.dataSpan;
     if (!mediaData)
-        noteProblem("cmaf-data-outside-mdat", Severity::Error, fragment.offset, fragment.size,
+        noteProblem("cmaf-data-outside-mdat", Severity::Warning, fragment.offset, fragment.size,
                     QStringLiteral("no mdat follows the movie fragment of a CMAF file, whose "
                                    "samples lie in bytes %1 to %2")
                         .arg(first)
                         .arg(end),
                     fragment.path);
     else if (first < mediaData->first || end > mediaData->second)
-        noteProblem("cmaf-data-outside-mdat", Severity::Error, fragment.offset, fragment.size,
+        noteProblem("cmaf-data-outside-mdat", Severity::Warning, fragment.offset, fragment.size,
                     QStringLiteral("the samples of the movie fragment of a CMAF file lie in bytes "
                                    "%1 to %2, outside the data of the mdat behind it, bytes %3 to "
                                    "%4")
