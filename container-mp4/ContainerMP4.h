@@ -12,11 +12,14 @@
 
 #include <array>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #define SARVELINTH_MP4_EXPORT Q_DECL_EXPORT
 
 class DeepAnalysis;
 class PayloadReader;
+struct SegmentIndexWalk;
 class TableReader;
 
 // A payload parser of the deep vocabulary (deep/).
@@ -172,6 +175,18 @@ private:
     InputDevice *inflatedSource = nullptr;
     // The items of the file's top-level meta box, resolved and checked (items/).
     void reportItems();
+    // Deep analysis with checks (deep/Segments.cpp): a top-level box from start to end, its
+    // data from dataStart, against the references of the sidx boxes before it and the
+    // movie fragment of a CMAF file before it; the brands of a file type, the timescales of
+    // a movie's tracks.
+    void checkTopLevelBox(const QString &type, quint64 start, quint64 dataStart, quint64 end);
+    // The end of a file's boxes: the references not met and the fragment without its mdat.
+    void checkSegmentsAtEnd();
+    // The reference an index's walk is in, against the boxes met in it; the walk moves on.
+    void finishReference(SegmentIndexWalk &index);
+    void dropFinishedIndexes();
+    // The data of the pending CMAF fragment against the payload of the mdat behind it.
+    void checkFragmentData(std::optional<std::pair<quint64, quint64>> mediaData);
 
     // The types of the boxes being walked, outermost first; while a payload is parsed, the
     // last is its box's own.

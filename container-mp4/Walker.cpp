@@ -162,6 +162,8 @@ int ContainerMP4::parseElement(quint64 *size)
             addElementNote(row.description);
     }
 
+    if (deep && boxPath.size() == 1)
+        checkTopLevelBox(type, start, start + (declaredSize == 1 ? 16 : 8), declaredEnd);
     endElement();
     leaveBox();
     --depth;

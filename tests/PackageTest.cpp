@@ -266,6 +266,136 @@ TEST(Package, DamagedPackagesGiveTheirCodes)
         package.write(second, bytes);
         EXPECT_TRUE(package.codes().contains("segment-not-sap"));
     }
+    {
+        SCOPED_TRACE("a segment cut in half");
+        DamagedPackage package;
+        const QByteArray bytes = package.read(second);
+        package.write(second, bytes.left(bytes.size() / 2));
+        const QStringList codes = package.codes();
+        EXPECT_TRUE(codes.contains("sidx-mismatch"));
+        EXPECT_TRUE(codes.contains("trun-data-past-mdat"));
+    }
+    {
+        SCOPED_TRACE("a sidx size changed");
+        DamagedPackage package;
+        QByteArray bytes = package.read(second);
+        // The referenced_size of the first reference, behind the fields of version 0 or 1.
+        const qsizetype sidx = bytes.indexOf("sidx") - 4;
+        ASSERT_GT(sidx, 0);
+        const qsizetype at = sidx + (bytes[sidx + 8] ? 40 : 32);
+        qToBigEndian(qFromBigEndian<quint32>(bytes.constData() + at) + 8, bytes.data() + at);
+        package.write(second, bytes);
+        EXPECT_EQ(package.codes(), QStringList{"sidx-mismatch"});
+    }
+    {
+        SCOPED_TRACE("a sequence number repeated");
+        DamagedPackage package;
+        const QString third = QStringLiteral("chunk-stream0-00003.m4s");
+        QByteArray bytes = package.read(third);
+        const qsizetype mfhd = bytes.indexOf("mfhd");
+        ASSERT_GT(mfhd, 0);
+        qToBigEndian(quint32(2), bytes.data() + mfhd + 8);
+        package.write(third, bytes);
+        EXPECT_EQ(package.codes(), QStringList{"sequence-number-order"});
+    }
+    {
+        SCOPED_TRACE("an initialization segment with the first media segment in it");
+        DamagedPackage package;
+        const QString init = QStringLiteral("init-stream0.m4s");
+        package.write(init, package.read(init) + package.read(first));
+        const QStringList codes = package.codes();
+        EXPECT_TRUE(codes.contains("init-has-samples"));
+        EXPECT_TRUE(codes.contains("timeline-overlap"));
+    }
+    {
+        SCOPED_TRACE("the audio in the video's aligned adaptation set");
+        DamagedPackage package;
+        QByteArray mpd = package.read("package.mpd");
+        const qsizetype end = mpd.indexOf("</AdaptationSet>");
+        const qsizetype audio = mpd.indexOf('>', mpd.indexOf("<AdaptationSet", end)) + 1;
+        ASSERT_GT(end, 0);
+        package.write("package.mpd", mpd.remove(end, audio - end));
+        // Video segments begin every 0.4 s, audio ones every 3072 samples of 8000 per second.
+        EXPECT_EQ(package.codes(), QStringList{"representations-misaligned"});
+    }
+    {
+        SCOPED_TRACE("two copies of the video in its aligned adaptation set");
+        DamagedPackage package;
+        QByteArray mpd = package.read("package.mpd");
+        const qsizetype begin = mpd.indexOf("<Representation id=\"0\"");
+        const qsizetype end = mpd.indexOf("</Representation>", begin) + 17;
+        mpd.insert(end, mpd.mid(begin, end - begin).replace("id=\"0\"", "id=\"2\""));
+        package.write("package.mpd", mpd);
+        for (const char *name : {"init-stream%1.m4s", "chunk-stream%1-00001.m4s",
+                                 "chunk-stream%1-00002.m4s", "chunk-stream%1-00003.m4s"})
+            package.write(QString::fromLatin1(name).arg(2),
+                          package.read(QString::fromLatin1(name).arg(0)));
+        EXPECT_EQ(package.codes(), QStringList());
+    }
+}
+
+// A SegmentBase names its media segments in the sidx of its index range: the manifest's
+// element of the representation lists its references, each a byte range of the one file with
+// the time and duration of the sidx. The file is FFmpeg's initialization segment and its first
+// media segment, whose sidx indexes one moof and its mdat.
+TEST(Package, SegmentBaseNamesTheReferencesOfItsSidx)
+{
+    QTemporaryDir folder;
+    const QDir source(Data.filePath(QStringLiteral("package-dash-timeline")));
+    QByteArray whole;
+    for (const char *name : {"init-stream0.m4s", "chunk-stream0-00001.m4s"}) {
+        QFile part(source.filePath(QLatin1String(name)));
+        ASSERT_TRUE(part.open(QIODevice::ReadOnly));
+        whole += part.readAll();
+    }
+    const qsizetype init = QFileInfo(source.filePath("init-stream0.m4s")).size();
+    const qsizetype sidx = whole.indexOf("sidx", init) - 4;
+    const quint32 sidxSize = qFromBigEndian<quint32>(whole.constData() + sidx);
+    QFile file(folder.filePath("video.mp4"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(whole);
+    file.close();
+    const auto manifest = [&](qsizetype indexStart) {
+        QFile mpd(folder.filePath("base.mpd"));
+        EXPECT_TRUE(mpd.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        mpd.write(QStringLiteral("<MPD><Period><AdaptationSet><Representation id=\"v\" "
+                                 "codecs=\"avc1.4d400a\"><BaseURL>video.mp4</BaseURL>"
+                                 "<SegmentBase indexRange=\"%1-%2\"><Initialization "
+                                 "range=\"0-%3\"/></SegmentBase></Representation>"
+                                 "</AdaptationSet></Period></MPD>")
+                      .arg(indexStart)
+                      .arg(indexStart + sidxSize - 1)
+                      .arg(init - 1)
+                      .toUtf8());
+        mpd.close();
+        return reportOf(mpd.fileName(), {"--check"});
+    };
+    const QJsonObject report = manifest(sidx);
+    EXPECT_EQ(problemCodes(report), QStringList());
+    // The fields of the representation's element and of each of its segments, by name.
+    QString timescale;
+    QStringList segments;
+    for (const QJsonValue &child : report["elements"][0]["children"][0]["children"].toArray()) {
+        if (child["name"] == "timescale")
+            timescale = child["value"].toString();
+        if (child["name"] != "segment")
+            continue;
+        QMap<QString, QString> fields;
+        for (const QJsonValue &field : child["children"].toArray())
+            fields[field["name"].toString()] = field["value"].toString();
+        segments << fields.values().join(' ');
+    }
+    // One reference of the moof and mdat behind the sidx, 0.4 s in units of 10240.
+    const qsizetype moof = whole.indexOf("moof", sidx) - 4;
+    EXPECT_EQ(
+        segments,
+        QStringList{QStringLiteral("4096 %1 %2 0 video.mp4").arg(whole.size() - moof).arg(moof)});
+    EXPECT_EQ(timescale, "10240");
+    EXPECT_EQ(report["streams"][0]["samples"].toArray().size(), 4);
+    EXPECT_EQ(report["files"].toArray().size(), 1);
+
+    // An index range that misses the sidx.
+    EXPECT_EQ(problemCodes(manifest(sidx + 4)), QStringList{"index-invalid"});
 }
 
 // Hostile manifests end in bounded time and memory with a clear problem, and never read a

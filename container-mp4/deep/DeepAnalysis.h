@@ -8,6 +8,8 @@
 
 #include <map>
 #include <optional>
+#include <utility>
+#include <vector>
 
 // The movie fragment being walked and the track fragment inside it, for the base data offset
 // of their runs.
@@ -17,9 +19,15 @@ struct FragmentWalk {
     quint64 moofIndex = 0;
     quint64 trafCount = 0;   // of the moof so far
     quint64 moofDataEnd = 0; // the end of the data of its last traf
+    // For the checks: the bytes the data of its runs spans, and the durations of its samples
+    // by track_ID.
+    std::optional<std::pair<quint64, quint64>> dataSpan;
+    std::map<quint32, quint64> durations;
     // traf
     bool inTraf = false;
     int stream = -1; // the stream of its track; -1 before its tfhd
+    quint32 trackId = 0;
+    bool decodeTimeSeen = false; // a tfdt
     SampleDefaults defaults;
     quint64 baseDataOffset = 0;
     quint64 dataEnd = 0; // the end of the data of its last run
@@ -27,12 +35,50 @@ struct FragmentWalk {
     std::optional<quint64> baseMediaDecodeTime;
 };
 
+// A sidx of the file whose references wait for the top-level boxes they cover, for the
+// checks: each reference must begin and end on the boxes there and last as long as the
+// samples of its track in them.
+struct SegmentIndexWalk {
+    quint64 entries = 0; // where the first reference lies in the file, 12 bytes each
+    QString path;        // of the sidx
+    quint32 referenceId = 0;
+    quint32 timescale = 0;
+    // referenced_size and subsegment_duration of each reference, in order.
+    std::vector<std::pair<quint32, quint32>> references;
+    size_t next = 0;    // the reference the walk is in
+    quint64 start = 0;  // its first byte
+    bool begun = false; // a box began inside it
+    bool broken = false;
+    quint64 boxesEnd = 0; // where the last box that began inside it ends
+    std::optional<quint64> trackDuration;
+};
+
+// A movie fragment of a file of the cmfc or cmf2 brand, waiting for the box behind it: the
+// mdat that holds the data of its runs.
+struct PendingFragment {
+    quint64 offset = 0;
+    quint64 size = 0;
+    QString path;
+    std::optional<std::pair<quint64, quint64>> dataSpan;
+};
+
 // What deep analysis gathers of a file while its boxes are walked.
 class DeepAnalysis {
 public:
     quint64 moofCount = 0;
-    int file = 0; // of joined files, the one being walked
+    int file = 0;                              // of joined files, the one being walked
     std::optional<quint32> lastSequenceNumber; // of the last mfhd
+    // For the checks, of the file being walked: its sidx boxes whose references are not all
+    // met yet and how many references they hold together, and the last moof of a CMAF file
+    // before the box behind it is met.
+    std::vector<SegmentIndexWalk> segmentIndexes;
+    size_t heldReferences = 0;
+    std::optional<PendingFragment> pendingFragment;
+    // For the checks, of all joined files: whether a file type lists cmfc or cmf2, whose
+    // fragments then follow the structural rules of CMAF, and the timescale of each track by
+    // track_ID.
+    bool cmaf = false;
+    std::map<quint32, quint32> trackTimescales;
     // From trex, by track_ID.
     std::map<quint32, SampleDefaults> trackDefaults;
     FragmentWalk fragment;

@@ -1,3 +1,4 @@
+#include "Bounds.h"
 #include "DeepAnalysis.h"
 #include "DeepRows.h"
 #include "PayloadReader.h"
@@ -94,17 +95,30 @@ int parseMovieFragment(PayloadReader &box)
     walk.moofOffset = box.boxOffset();
     walk.moofIndex = box.deep()->moofCount++;
     walk.moofDataEnd = walk.moofOffset;
-    return box.walkChildren();
+    const int result = box.walkChildren();
+    // A CMAF fragment holds the samples of one track.
+    if (box.deep()->cmaf && walk.trafCount != 1)
+        box.problem("cmaf-traf-count", Severity::Warning,
+                    QStringLiteral("the movie fragment of a CMAF file holds %1 track fragments, "
+                                   "where it holds one")
+                        .arg(walk.trafCount));
+    return result;
 }
 
-// mfhd: the fragments count on from 1, one by one; a fragment that does not follow the one
-// before it tells of a fragment lost or out of place.
+// mfhd: the fragments count up, one by one; a number that does not rise tells of a fragment
+// out of place, one that rises by more than one of a fragment lost.
 int parseMovieFragmentHeader(PayloadReader &box)
 {
     const quint32 sequence = box.u32("sequence_number");
     box.rest();
     std::optional<quint32> &last = box.deep()->lastSequenceNumber;
-    if (box.ok() && last && sequence != *last + 1)
+    if (box.ok() && last && sequence <= *last)
+        box.problem("sequence-number-order", Severity::Warning,
+                    QStringLiteral("the fragment's sequence number is %1, not above the %2 of the "
+                                   "fragment before it")
+                        .arg(sequence)
+                        .arg(*last));
+    else if (box.ok() && last && sequence != *last + 1)
         box.problem("fragment-sequence-gap", Severity::Warning,
                     QStringLiteral("the fragment's sequence number is %1, where %2 follows the "
                                    "fragment before it")
@@ -120,9 +134,15 @@ int parseTrackFragment(PayloadReader &box)
     FragmentWalk &walk = box.deep()->fragment;
     walk.inTraf = true;
     walk.stream = -1;
+    walk.trackId = 0;
+    walk.decodeTimeSeen = false;
     walk.trunCount = 0;
     walk.baseMediaDecodeTime.reset();
     const int result = box.walkChildren();
+    // The samples of a CMAF track fragment say when they decode.
+    if (box.deep()->cmaf && !walk.decodeTimeSeen)
+        box.problem("cmaf-tfdt-missing", Severity::Warning,
+                    QStringLiteral("the track fragment of a CMAF file has no tfdt"));
     // The next track fragment without a base of its own goes on behind this one's data.
     walk.moofDataEnd = walk.dataEnd;
     walk.inTraf = false;
@@ -155,11 +175,20 @@ int parseTrackFragmentHeader(PayloadReader &box)
     if (flags & DefaultSampleFlagsPresent)
         defaults.flags = sampleFlags(box, QStringLiteral("default_sample_flags"));
     box.rest();
+    // A CMAF fragment can be moved as it is: its data is found from the moof's first byte.
+    if (deep->cmaf && box.ok() && (!(flags & DefaultBaseIsMoof) || (flags & BaseDataOffsetPresent)))
+        box.problem("cmaf-base-not-moof", Severity::Warning,
+                    (flags & BaseDataOffsetPresent)
+                        ? QStringLiteral("the track fragment header of a CMAF file gives a "
+                                         "base_data_offset")
+                        : QStringLiteral("the track fragment header of a CMAF file does not set "
+                                         "default-base-is-moof"));
 
     FragmentWalk &walk = deep->fragment;
     if (!walk.inTraf || !box.ok())
         return ContainerAbstract::ParseOk;
     walk.stream = box.streamOfTrack(trackId);
+    walk.trackId = trackId;
     walk.defaults = defaults;
     // The base of the track fragment's data: given, the moof's first byte, or the end of the
     // data of the track fragment before it in the moof.
@@ -176,8 +205,10 @@ int parseTrackFragmentDecodeTime(PayloadReader &box)
     const quint64 time = box.versioned("baseMediaDecodeTime", box.version() == 1);
     box.rest();
     FragmentWalk &walk = box.deep()->fragment;
-    if (walk.inTraf && box.ok())
+    if (walk.inTraf && box.ok()) {
         walk.baseMediaDecodeTime = time;
+        walk.decodeTimeSeen = true;
+    }
     return ContainerAbstract::ParseOk;
 }
 
@@ -215,6 +246,7 @@ int parseTrackRun(PayloadReader &box)
                     bool(flags & SampleFlagsPresent) +
                     bool(flags & SampleCompositionTimeOffsetsPresent));
     quint64 dataSize = 0;
+    quint64 duration = 0;
     quint32 whole = 0;
     for (; whole < count && (entrySize == 0 || box.available() >= entrySize); ++whole) {
         if (entrySize == 0) {
@@ -225,7 +257,7 @@ int parseTrackRun(PayloadReader &box)
         }
         box.beginGroup(sampleName, whole, entrySize);
         if (flags & SampleDurationPresent)
-            box.unsignedField(durationName, 4);
+            duration += box.unsignedField(durationName, 4);
         const quint64 size =
             (flags & SampleSizePresent) ? box.unsignedField(sizeName, 4) : run.defaults.size;
         if (flags & SampleFlagsPresent)
@@ -254,6 +286,15 @@ int parseTrackRun(PayloadReader &box)
     run.path = box.path();
     run.file = box.deep()->file;
     walk.dataEnd = run.dataOffset + dataSize;
+    if (!(flags & SampleDurationPresent))
+        duration = quint64(run.defaults.duration) * whole;
+    walk.durations[walk.trackId] += duration;
+    if (dataSize > 0) {
+        const quint64 end = endOf(run.dataOffset, dataSize);
+        walk.dataSpan = walk.dataSpan ? std::pair{qMin(walk.dataSpan->first, run.dataOffset),
+                                                  qMax(walk.dataSpan->second, end)}
+                                      : std::pair{run.dataOffset, end};
+    }
     if (TrackContext *track = box.track())
         track->runs.push_back(run);
     return ContainerAbstract::ParseOk;

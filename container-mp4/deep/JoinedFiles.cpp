@@ -22,6 +22,8 @@ void ContainerMP4::continueWithFile(int file)
                 facts.trackId = TrackBoxes::trackId(input, header);
         }
     }
+    // The references and fragments of the file before end with its boxes.
+    checkSegmentsAtEnd();
     switchToFile(file);
     siblingCounts.clear();
     workDone = 0;

@@ -194,6 +194,8 @@ public:
     int valueBase() const { return parser.valueBase; }
     // What deep analysis gathers of the file.
     DeepAnalysis *deep() const { return parser.deep.get(); }
+    // Whether the problems of the file are looked for.
+    bool checks() const { return parser.checkProblems; }
     // The record of the stream of the trak this box stands in, or null outside every trak.
     StreamInfo *stream() const;
     // The deep facts of that stream, made on first use.

@@ -1,14 +1,28 @@
+#include "Bounds.h"
+#include "DeepAnalysis.h"
 #include "DeepRows.h"
 #include "PayloadReader.h"
 
+#include <QByteArrayView>
 #include <QDateTime>
 #include <QTimeZone>
+
+#include <cmath>
 
 // The boxes of segmented and streamed files beside the fragments themselves: the indexes of
 // segments and of the fragments of a file, the producer's clock, in-band events, download
 // hints, levels and the groups a track belongs to.
 
 namespace {
+
+// References of sidx boxes held at once for the checks, waiting for the boxes they cover, and
+// the sidx boxes they belong to, each of which every top-level box is held against: a file of
+// many indexes that all reach far ahead has those beyond not checked. Real files wait on a
+// few at a time: one per track, or the levels of a hierarchy.
+constexpr size_t MaxHeldReferences = 100000;
+constexpr size_t MaxHeldIndexes = 32;
+// The bytes of the brands of an ftyp or styp that are looked at for those of CMAF.
+constexpr quint64 MaxBrandBytes = 4096;
 
 // An NTP time, seconds since 1900 in the high 32 bits and their fraction in the low, as the
 // UTC date it stands for.
@@ -32,22 +46,34 @@ QString byteCount(int bytes)
 int parseSegmentIndex(PayloadReader &box)
 {
     const bool wide = box.version() != 0;
-    box.u32("reference_id");
-    box.u32("timescale", QStringLiteral("units per second"));
+    SegmentIndexWalk walk;
+    walk.referenceId = box.u32("reference_id");
+    walk.timescale = box.u32("timescale", QStringLiteral("units per second"));
     box.versioned("earliest_presentation_time", wide);
-    box.versioned("first_offset", wide, QStringLiteral("bytes from the end of this box"));
+    const quint64 firstOffset =
+        box.versioned("first_offset", wide, QStringLiteral("bytes from the end of this box"));
     box.u16("reserved");
     const quint16 count = box.u16("reference_count");
     const QString reference = QStringLiteral("reference");
     const QString media = QStringLiteral("media");
     const QString index = QStringLiteral("index");
+    DeepAnalysis *deep = box.deep();
+    // The references of a top-level sidx are checked against the top-level boxes behind it.
+    const bool held = box.checks() && box.parentType().isEmpty() && !box.insideInflated() &&
+                      deep->heldReferences + count <= MaxHeldReferences &&
+                      deep->segmentIndexes.size() < MaxHeldIndexes;
+    if (held)
+        walk.references.reserve(count);
+    walk.entries = box.at();
     for (quint16 i = 0; i < count && box.available() >= 12; ++i) {
         box.beginGroup(reference, i, 12);
         const bool isIndex = box.peekUnsigned(1) >> 7;
         PayloadReader::Bits size = box.bits(4);
         size.field("reference_type", 1, isIndex ? index : media);
-        size.field("referenced_size", 31, QStringLiteral("bytes"));
-        box.u32("subsegment_duration");
+        const quint64 referencedSize = size.field("referenced_size", 31, QStringLiteral("bytes"));
+        const quint32 duration = box.u32("subsegment_duration");
+        if (held)
+            walk.references.push_back({quint32(referencedSize), duration});
         PayloadReader::Bits access = box.bits(4);
         access.flag("starts_with_sap");
         access.field("sap_type", 3);
@@ -55,6 +81,18 @@ int parseSegmentIndex(PayloadReader &box)
         box.endGroup();
     }
     box.rest();
+    if (box.checks() && box.parentType().isEmpty() && !held)
+        box.note(QStringLiteral("Its references are not checked: the sidx boxes before it wait "
+                                "for the boxes of their references, %1 boxes or %2 references "
+                                "being the most that are held.")
+                     .arg(MaxHeldIndexes)
+                     .arg(MaxHeldReferences));
+    if (held && box.ok() && !walk.references.empty()) {
+        walk.path = box.path();
+        walk.start = endOf(box.end(), firstOffset);
+        deep->heldReferences += walk.references.size();
+        deep->segmentIndexes.push_back(std::move(walk));
+    }
     return ContainerAbstract::ParseOk;
 }
 
@@ -252,4 +290,174 @@ DeepRows segmentRows()
         {"trgr", DeepContainer, 0, nullptr},
         {"trgr/*", DeepPlain, 1, parseTrackGroupType},
     };
+}
+
+void ContainerMP4::checkTopLevelBox(const QString &type, quint64 start, quint64 dataStart,
+                                    quint64 end)
+{
+    if (!deep || !checkProblems)
+        return;
+    const bool isMediaData = type == QLatin1String("mdat");
+    const bool isFragment = type == QLatin1String("moof");
+    if (deep->pendingFragment) {
+        checkFragmentData(isMediaData ? std::optional<std::pair<quint64, quint64>>({dataStart, end})
+                                      : std::nullopt);
+    }
+    if (isFragment && deep->cmaf)
+        deep->pendingFragment = {start, end - start, pathText(), deep->fragment.dataSpan};
+
+    for (SegmentIndexWalk &index : deep->segmentIndexes) {
+        while (index.next < index.references.size()) {
+            const quint64 referenceEnd = endOf(index.start, index.references[index.next].first);
+            if (start >= referenceEnd) {
+                finishReference(index);
+                continue;
+            }
+            if (!index.begun && start == index.start && type == QLatin1String("prft")) {
+                // Writers put the producer time of a fragment before its moof and leave it
+                // out of the referenced size: the reference begins behind it.
+                index.start = end;
+                break;
+            }
+            if (start < index.start) {
+                // A box that reaches into the reference from before it.
+                index.broken = index.broken || end > index.start;
+                break;
+            }
+            index.broken = index.broken || (!index.begun && start != index.start);
+            index.begun = true;
+            index.boxesEnd = end;
+            const auto duration = deep->fragment.durations.find(index.referenceId);
+            if (isFragment && duration != deep->fragment.durations.end())
+                index.trackDuration = index.trackDuration.value_or(0) + duration->second;
+            break;
+        }
+    }
+    dropFinishedIndexes();
+
+    if (type == QLatin1String("moov")) {
+        for (const TrackContext &track : trackContexts) {
+            if (track.trackHeader.present && track.mediaHeader.present)
+                deep->trackTimescales[TrackBoxes::trackId(input, track.trackHeader)] =
+                    TrackBoxes::timescale(input, track.mediaHeader);
+        }
+    } else if (type == QLatin1String("ftyp") || type == QLatin1String("styp")) {
+        // The major brand and the compatible brands, leaving out the minor version between.
+        QByteArray brands(qsizetype(end > dataStart ? qMin(end - dataStart, MaxBrandBytes) : 0),
+                          '\0');
+        input.seek(qint64(dataStart));
+        brands.truncate(qMax<qsizetype>(0, input.readBytes(brands.data(), brands.size())));
+        for (qsizetype at = 0; at + 4 <= brands.size(); at += at == 0 ? 8 : 4) {
+            const QByteArrayView brand(brands.constData() + at, 4);
+            deep->cmaf = deep->cmaf || brand == "cmfc" || brand == "cmf2";
+        }
+    }
+}
+
+void ContainerMP4::checkSegmentsAtEnd()
+{
+    if (!deep || !checkProblems)
+        return;
+    if (deep->pendingFragment)
+        checkFragmentData(std::nullopt);
+    for (SegmentIndexWalk &index : deep->segmentIndexes) {
+        // The reference the file ends in ends with the last box; those behind it are missing.
+        if (index.next < index.references.size() && index.begun)
+            finishReference(index);
+        if (index.next < index.references.size())
+            noteProblem("sidx-mismatch", Severity::Error, index.entries + 12 * index.next,
+                        12 * (index.references.size() - index.next),
+                        QStringLiteral("references %1 to %2 of the sidx begin at byte %3, past "
+                                       "the boxes of the file")
+                            .arg(index.next)
+                            .arg(index.references.size() - 1)
+                            .arg(index.start),
+                        index.path);
+    }
+    deep->segmentIndexes.clear();
+    deep->heldReferences = 0;
+}
+
+void ContainerMP4::finishReference(SegmentIndexWalk &index)
+{
+    const auto [size, duration] = index.references[index.next];
+    const quint64 end = endOf(index.start, size);
+    const auto mismatch = [&](const QString &message) {
+        noteProblem("sidx-mismatch", Severity::Error, index.entries + 12 * index.next, 12,
+                    QStringLiteral("reference %1 of the sidx covers bytes %2 to %3: %4")
+                        .arg(index.next)
+                        .arg(index.start)
+                        .arg(end)
+                        .arg(message),
+                    index.path);
+    };
+    const auto timescale = deep->trackTimescales.find(index.referenceId);
+    if (!index.begun) {
+        mismatch(QStringLiteral("no box begins there"));
+    } else if (index.broken) {
+        mismatch(QStringLiteral("its first byte is not the first of a box"));
+    } else if (index.boxesEnd != end) {
+        mismatch(QStringLiteral("the boxes there end at byte %1").arg(index.boxesEnd));
+    } else if (index.trackDuration && index.timescale != 0 &&
+               timescale != deep->trackTimescales.end() && timescale->second != 0) {
+        // Converted to the units of the sidx, the samples may differ by less than one.
+        const bool same =
+            index.timescale == timescale->second
+                ? *index.trackDuration == duration
+                : std::abs(double(*index.trackDuration) * index.timescale / timescale->second -
+                           double(duration)) < 1;
+        if (!same)
+            mismatch(QStringLiteral("it lasts %1 units of %2 per second, where the samples of "
+                                    "track %3 there last %4 units of %5 per second")
+                         .arg(duration)
+                         .arg(index.timescale)
+                         .arg(index.referenceId)
+                         .arg(*index.trackDuration)
+                         .arg(timescale->second));
+    }
+    index.start = end;
+    ++index.next;
+    index.begun = false;
+    index.broken = false;
+    index.boxesEnd = 0;
+    index.trackDuration.reset();
+}
+
+void ContainerMP4::dropFinishedIndexes()
+{
+    auto &indexes = deep->segmentIndexes;
+    for (auto index = indexes.begin(); index != indexes.end();) {
+        if (index->next < index->references.size()) {
+            ++index;
+            continue;
+        }
+        deep->heldReferences -= index->references.size();
+        index = indexes.erase(index);
+    }
+}
+
+void ContainerMP4::checkFragmentData(std::optional<std::pair<quint64, quint64>> mediaData)
+{
+    const PendingFragment fragment = *deep->pendingFragment;
+    deep->pendingFragment.reset();
+    if (!fragment.dataSpan)
+        return;
+    const auto [first, end] = *fragment.dataSpan;
+    if (!mediaData)
+        noteProblem("cmaf-data-outside-mdat", Severity::Warning, fragment.offset, fragment.size,
+                    QStringLiteral("no mdat follows the movie fragment of a CMAF file, whose "
+                                   "samples lie in bytes %1 to %2")
+                        .arg(first)
+                        .arg(end),
+                    fragment.path);
+    else if (first < mediaData->first || end > mediaData->second)
+        noteProblem("cmaf-data-outside-mdat", Severity::Warning, fragment.offset, fragment.size,
+                    QStringLiteral("the samples of the movie fragment of a CMAF file lie in bytes "
+                                   "%1 to %2, outside the data of the mdat behind it, bytes %3 to "
+                                   "%4")
+                        .arg(first)
+                        .arg(end)
+                        .arg(mediaData->first)
+                        .arg(mediaData->second),
+                    fragment.path);
 }

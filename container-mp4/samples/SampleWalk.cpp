@@ -48,6 +48,7 @@ void ContainerMP4::finalizeParsing()
                      TrackBoxes::duration(input, movieHeader)});
     checkTracks();
     if (deep) {
+        checkSegmentsAtEnd();
         walkTrackSamples();
         reportItems();
         return;

@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QtEndian>
 
 #include <cmath>
 
@@ -40,7 +41,41 @@ struct SegmentFile {
     QString path;
     size_t segment = 0;
     bool initialization = false;
+    bool holdsMedia = false; // an initialization segment whose file holds media segments too
 };
+
+// The first sample of a media segment file: its decoding time in units of a time scale.
+struct SegmentStart {
+    qint64 dts = 0;
+    quint32 timescale = 0;
+};
+
+// Whether two times in units of their own time scales are the same number of seconds.
+bool sameTime(const SegmentStart &a, const SegmentStart &b)
+{
+    if (a.timescale == 0 || b.timescale == 0)
+        return a.dts == b.dts;
+    // Whole seconds and what is left, each below its time scale, so that the products of the
+    // rests fit in 64 bits.
+    const auto split = [](const SegmentStart &time) {
+        qint64 seconds = time.dts / qint64(time.timescale);
+        qint64 rest = time.dts % qint64(time.timescale);
+        if (rest < 0) {
+            --seconds;
+            rest += time.timescale;
+        }
+        return std::pair{seconds, quint64(rest)};
+    };
+    const auto [secondsA, restA] = split(a);
+    const auto [secondsB, restB] = split(b);
+    return secondsA == secondsB && restA * b.timescale == restB * a.timescale;
+}
+
+QString secondsText(const SegmentStart &time)
+{
+    return time.timescale ? QString::number(double(time.dts) / time.timescale, 'g', 12)
+                          : QString::number(time.dts);
+}
 
 // Whether codecs strings name the same thing: equal but for case, or one the other with
 // parameters left out behind a dot.
@@ -60,7 +95,7 @@ class RepresentationSink : public ReportSink {
 public:
     RepresentationSink(ReportSink &next, const Manifest::Representation &representation,
                        const std::vector<SegmentFile> &files, int streamBase, int fileBase,
-                       bool checks, Problems &problems)
+                       bool checks, Problems &problems, std::vector<SegmentStart> &starts)
         : next(next)
         , representation(representation)
         , files(files)
@@ -68,6 +103,7 @@ public:
         , fileBase(fileBase)
         , checks(checks)
         , problems(problems)
+        , starts(starts)
     {
     }
 
@@ -93,6 +129,7 @@ public:
         if (named.track)
             named.track->representation = representation.id;
         stream = Stream();
+        stream.index = index;
         stream.timescale = info.track ? info.track->timescale : 0;
         stream.codecs = info.track ? info.track->codecs : QString();
         streamCount = qMax(streamCount, index + 1);
@@ -130,6 +167,7 @@ public:
 
 private:
     struct Stream {
+        int index = 0;
         quint32 timescale = 0;
         QString codecs;
         int file = -1;      // of the segment being passed
@@ -165,10 +203,18 @@ private:
                                      .arg(sample.dts)
                                      .arg(stream.nextDts));
             }
-            if (representation.startsWithSap && !sample.keyFrame &&
-                !files[size_t(sample.file)].initialization)
+            const SegmentFile &file = files[size_t(sample.file)];
+            if (representation.startsWithSap && !sample.keyFrame && !file.initialization)
                 problems.add("segment-not-sap", Severity::Error, where(sample.file),
                              QStringLiteral("the segment's first sample is not a sync sample"));
+            if (file.initialization && !file.holdsMedia && !initReported) {
+                initReported = true;
+                problems.add("init-has-samples", Severity::Warning, where(sample.file),
+                             QStringLiteral("the initialization segment holds samples"));
+            }
+            // Segment boundaries of the first stream, to be aligned with other representations.
+            if (stream.index == 0 && !file.initialization)
+                starts.push_back({sample.dts, stream.timescale});
             stream.file = sample.file;
             stream.segmentDuration = 0;
         }
@@ -221,8 +267,50 @@ private:
     int fileBase;
     bool checks;
     Problems &problems;
+    std::vector<SegmentStart> &starts;
     Stream stream;
+    bool initReported = false;
 };
+
+// In an adaptation set that promises segment alignment, the media segments of each
+// representation begin at the times of the first representation's.
+void checkAlignment(const std::vector<Manifest::Representation> &representations,
+                    const std::vector<std::vector<SegmentStart>> &starts, Problems &problems)
+{
+    std::map<std::pair<QString, QString>, size_t> firstOfSet;
+    for (size_t i = 0; i < representations.size(); ++i) {
+        const Manifest::Representation &representation = representations[i];
+        if (!representation.segmentAlignment)
+            continue;
+        const auto [first, isFirst] =
+            firstOfSet.insert({{representation.period, representation.adaptationSet}, i});
+        if (isFirst)
+            continue;
+        const Manifest::Representation &other = representations[first->second];
+        const std::vector<SegmentStart> &mine = starts[i];
+        const std::vector<SegmentStart> &theirs = starts[first->second];
+        if (mine.size() != theirs.size()) {
+            problems.add("representations-misaligned", Severity::Warning, representation.id,
+                         QStringLiteral("the representation has %1 media segments, where "
+                                        "representation %2 of its aligned adaptation set has %3")
+                             .arg(mine.size())
+                             .arg(other.id)
+                             .arg(theirs.size()));
+            continue;
+        }
+        for (size_t k = 0; k < mine.size(); ++k) {
+            if (sameTime(mine[k], theirs[k]))
+                continue;
+            problems.add("representations-misaligned", Severity::Warning, representation.id,
+                         QStringLiteral("media segment %1 of the representation begins at %2 s, "
+                                        "where that of representation %3 of its aligned "
+                                        "adaptation set begins at %4 s")
+                             .arg(k)
+                             .arg(secondsText(mine[k]), other.id, secondsText(theirs[k])));
+            break;
+        }
+    }
+}
 
 // Reads a manifest or playlist of at most the longest a manifest may be.
 bool readManifestFile(const QString &path, QByteArray *bytes, QString *problem)
@@ -265,6 +353,81 @@ QString resolve(const QDir &folder, const QString &uri, bool allowOutside, Probl
         }
     }
     return path;
+}
+
+// The references of a sidx as the media segments of a SegmentBase: each its byte range of the
+// file, from the end of the sidx plus its first_offset on, and its time and duration in the
+// units of the sidx, which become the representation's. A range that holds no whole sidx is
+// a problem; so are references past the segments the manifests may name in all.
+void readSegmentIndex(const QString &path, Manifest::Representation &representation,
+                      quint64 &segmentTotal, Problems &problems)
+{
+    const Manifest::Segment &index = *representation.index;
+    // A sidx of the most references a reference_count can give, and its header.
+    constexpr quint64 MaxIndexBytes = 48 + 12 * 0xFFFF;
+    const auto invalid = [&](const QString &why) {
+        problems.add("index-invalid", Severity::Error,
+                     QStringLiteral("%1: %2").arg(representation.id, index.uri),
+                     QStringLiteral("the index range %1-%2 %3")
+                         .arg(*index.rangeStart)
+                         .arg(*index.rangeStart + index.rangeLength - 1)
+                         .arg(why));
+    };
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(qint64(*index.rangeStart))) {
+        invalid(QStringLiteral("lies outside the file"));
+        return;
+    }
+    const QByteArray bytes = file.read(qint64(qMin(index.rangeLength, MaxIndexBytes)));
+    const auto *data = reinterpret_cast<const uchar *>(bytes.constData());
+    const auto size = quint64(bytes.size());
+    if (size < 12 || bytes.mid(4, 4) != "sidx") {
+        invalid(QStringLiteral("does not begin with a sidx box"));
+        return;
+    }
+    const bool wide = data[8] != 0;
+    const quint64 boxSize = qFromBigEndian<quint32>(data);
+    const quint64 header = wide ? 40 : 32; // up to reference_count
+    if (boxSize < header || boxSize > size) {
+        invalid(QStringLiteral("does not hold the whole sidx box"));
+        return;
+    }
+    const quint32 timescale = qFromBigEndian<quint32>(data + 16);
+    quint64 time = wide ? qFromBigEndian<quint64>(data + 20) : qFromBigEndian<quint32>(data + 20);
+    const quint64 firstOffset =
+        wide ? qFromBigEndian<quint64>(data + 28) : qFromBigEndian<quint32>(data + 24);
+    const quint16 count = qFromBigEndian<quint16>(data + header - 2);
+    if (header + 12 * quint64(count) > boxSize) {
+        invalid(
+            QStringLiteral("holds a sidx of %1 references that its size cannot hold").arg(count));
+        return;
+    }
+    if (timescale == 0) {
+        invalid(QStringLiteral("holds a sidx of time scale 0"));
+        return;
+    }
+    representation.timescale = timescale;
+    quint64 offset = *index.rangeStart + boxSize + firstOffset;
+    for (quint16 i = 0; i < count; ++i) {
+        if (segmentTotal >= Manifest::MaxSegments) {
+            problems.add("manifest-too-many-segments", Severity::Error, representation.id,
+                         QStringLiteral("the manifests name more than %1 segments; those behind "
+                                        "are not read")
+                             .arg(Manifest::MaxSegments));
+            return;
+        }
+        ++segmentTotal;
+        const uchar *reference = data + header + 12 * quint64(i);
+        Manifest::Segment segment;
+        segment.uri = index.uri;
+        segment.rangeStart = offset;
+        segment.rangeLength = qFromBigEndian<quint32>(reference) & 0x7FFFFFFF;
+        segment.time = time;
+        segment.duration = qFromBigEndian<quint32>(reference + 4);
+        representation.segments.push_back(segment);
+        offset += segment.rangeLength;
+        time += *segment.duration;
+    }
 }
 
 // The manifest's declarations as elements, for the tree of the report.
@@ -358,6 +521,19 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
     for (const Manifest::Problem &found : package.problems)
         problems.add(found.code.toLatin1().constData(), Severity::Error, fileName, found.message);
 
+    // A SegmentBase names its media segments in the sidx its index range holds.
+    quint64 segmentTotal = 0;
+    for (const Manifest::Representation &representation : package.representations)
+        segmentTotal += representation.segments.size();
+    for (Manifest::Representation &representation : package.representations) {
+        if (!representation.index || !representation.segments.empty())
+            continue;
+        const QString path =
+            resolve(folder, representation.index->uri, options.allowOutside, problems);
+        if (!path.isEmpty() && QFileInfo(path).isFile())
+            readSegmentIndex(path, representation, segmentTotal, problems);
+    }
+
     // The files of each representation in order; a file that holds several segments in byte
     // ranges is read once.
     std::vector<std::vector<SegmentFile>> files(package.representations.size());
@@ -365,7 +541,11 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
         const Manifest::Representation &representation = package.representations[i];
         const auto add = [&](const Manifest::Segment &segment, size_t index, bool init) {
             const QString path = resolve(folder, segment.uri, options.allowOutside, problems);
-            if (path.isEmpty() || (!files[i].empty() && files[i].back().path == path))
+            if (!path.isEmpty() && !files[i].empty() && files[i].back().path == path) {
+                files[i].back().holdsMedia = files[i].back().holdsMedia || !init;
+                return;
+            }
+            if (path.isEmpty())
                 return;
             if (!QFileInfo(path).isFile()) {
                 problems.add("segment-missing", Severity::Error, segment.uri,
@@ -374,7 +554,8 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
                                  .arg(representation.id));
                 return;
             }
-            files[i].push_back({path, index, init});
+            // The one file of a SegmentBase holds the media its index names.
+            files[i].push_back({path, index, init, init && representation.index.has_value()});
         };
         if (representation.initialization)
             add(*representation.initialization, 0, true);
@@ -391,6 +572,7 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
             writer.addJoinedFile(QDir(folder).relativeFilePath(file.path),
                                  quint64(QFileInfo(file.path).size()));
     }
+    std::vector<std::vector<SegmentStart>> starts(package.representations.size());
     int streamBase = 0;
     int fileBase = 0;
     ContainerAbstract::Settings settings = options.settings;
@@ -400,7 +582,7 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
         for (const SegmentFile &file : files[i])
             paths << file.path;
         RepresentationSink sink(writer, package.representations[i], files[i], streamBase, fileBase,
-                                settings.checkProblems, problems);
+                                settings.checkProblems, problems, starts[i]);
         for (size_t k = 0; k < plugins.size() && !paths.isEmpty(); ++k) {
             std::unique_ptr<ContainerAbstract> parser(plugins[k].createParser());
             if (!parser)
@@ -412,6 +594,8 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
         streamBase += sink.streamCount;
         fileBase += int(files[i].size());
     }
+    if (settings.checkProblems)
+        checkAlignment(package.representations, starts, problems);
     for (const Problem &found : problems.list)
         writer.addProblem(found);
     writer.endReport();
