@@ -263,6 +263,13 @@ TEST(Checks, SegmentIndexesAndCmafFragmentsGiveTheirProblems)
     };
     // Producer time: track 1, an NTP time and a media time.
     const QByteArray prft = fullBox("prft", 0, 0, words32({1, 0, 0, 0}));
+    // Two samples shown 10 and 20 units after their decode times: they present from 10 to 40.
+    const QByteArray reordered =
+        moof(1, box("traf", cat({fullBox("tfhd", 0, Defaults | DefaultBaseIsMoof,
+                                         u32(1) + words32({10, 8, 0})),
+                                 fullBox("tfdt", 0, 0, u32(0)),
+                                 fullBox("trun", 0, 0x801, words32({2, 112, 10, 20}))}))) +
+        box("mdat", zeros(16));
     const QByteArray plain = init("iso6");
     const QByteArray cmaf = init("cmfc");
     // A moof of two track fragments, the data of the second behind that of the first.
@@ -275,6 +282,10 @@ TEST(Checks, SegmentIndexesAndCmafFragmentsGiveTheirProblems)
         {"a sidx in units of 1000", plain + sidx({{120, 200}}, 1000) + fragment(1, 0)},
         {"a prft before each moof, left out of the referenced sizes",
          plain + sidx({{120, 20}, {120, 20}}) + prft + fragment(1, 0) + prft + fragment(2, 20)},
+        {"reordered pictures, the last subsegment as long as their presentation",
+         plain + sidx({{128, 30}}) + reordered},
+        {"reordered pictures, the last subsegment as long as neither",
+         plain + sidx({{128, 25}}) + reordered},
         {"a referenced size 4 bytes short",
          plain + sidx({{116, 20}, {120, 20}}) + fragment(1, 0) + fragment(2, 20)},
         {"a subsegment duration of 30 where the samples last 20",

@@ -19,10 +19,12 @@ struct FragmentWalk {
     quint64 moofIndex = 0;
     quint64 trafCount = 0;   // of the moof so far
     quint64 moofDataEnd = 0; // the end of the data of its last traf
-    // For the checks: the bytes the data of its runs spans, and the durations of its samples
-    // by track_ID.
+    // For the checks: the bytes the data of its runs spans; by track_ID, the durations of its
+    // samples, and the span of their presentation times (first, end), counted from the decode
+    // time of the track's first sample in the moof.
     std::optional<std::pair<quint64, quint64>> dataSpan;
     std::map<quint32, quint64> durations;
+    std::map<quint32, std::pair<qint64, qint64>> presentations;
     // traf
     bool inTraf = false;
     int stream = -1; // the stream of its track; -1 before its tfhd
@@ -51,6 +53,9 @@ struct SegmentIndexWalk {
     bool broken = false;
     quint64 boxesEnd = 0; // where the last box that began inside it ends
     std::optional<quint64> trackDuration;
+    // The span of the presentation times of those samples, counted from the decode time of the
+    // first: it differs from their durations where composition offsets reorder the pictures.
+    std::optional<std::pair<qint64, qint64>> presentation;
 };
 
 // A movie fragment of a file of the cmfc or cmf2 brand, waiting for the box behind it: the

@@ -247,28 +247,39 @@ int parseTrackRun(PayloadReader &box)
                     bool(flags & SampleCompositionTimeOffsetsPresent));
     quint64 dataSize = 0;
     quint64 duration = 0;
+    // The presentation times of the run, counted from the decode time of its first sample.
+    std::optional<std::pair<qint64, qint64>> presentation;
     quint32 whole = 0;
     for (; whole < count && (entrySize == 0 || box.available() >= entrySize); ++whole) {
         if (entrySize == 0) {
             // Entries without fields take no bytes: the count alone says how many.
             dataSize += quint64(run.defaults.size) * count;
+            duration = quint64(run.defaults.duration) * count;
+            presentation = {0, qint64(duration)};
             whole = count;
             break;
         }
         box.beginGroup(sampleName, whole, entrySize);
-        if (flags & SampleDurationPresent)
-            duration += box.unsignedField(durationName, 4);
+        const quint64 sampleDuration = (flags & SampleDurationPresent)
+                                           ? box.unsignedField(durationName, 4)
+                                           : run.defaults.duration;
         const quint64 size =
             (flags & SampleSizePresent) ? box.unsignedField(sizeName, 4) : run.defaults.size;
         if (flags & SampleFlagsPresent)
             sampleFlags(box, flagsName);
+        qint64 compositionOffset = 0;
         if (flags & SampleCompositionTimeOffsetsPresent) {
-            if (version == 0)
-                box.unsignedField(offsetName, 4);
-            else
-                box.signedField(offsetName, 4);
+            compositionOffset = version == 0 ? qint64(box.unsignedField(offsetName, 4))
+                                             : box.signedField(offsetName, 4);
         }
         box.endGroup();
+        // In wrapping arithmetic: hostile runs may add up past any range.
+        const qint64 first = qint64(duration + quint64(compositionOffset));
+        const qint64 end = qint64(quint64(first) + sampleDuration);
+        presentation = presentation ? std::pair{qMin(presentation->first, first),
+                                                qMax(presentation->second, end)}
+                                    : std::pair{first, end};
+        duration += sampleDuration;
         dataSize += size;
     }
     box.rest();
@@ -286,9 +297,17 @@ int parseTrackRun(PayloadReader &box)
     run.path = box.path();
     run.file = box.deep()->file;
     walk.dataEnd = run.dataOffset + dataSize;
-    if (!(flags & SampleDurationPresent))
-        duration = quint64(run.defaults.duration) * whole;
-    walk.durations[walk.trackId] += duration;
+    quint64 &trackDuration = walk.durations[walk.trackId];
+    if (presentation) {
+        const qint64 first = qint64(trackDuration + quint64(presentation->first));
+        const qint64 end = qint64(trackDuration + quint64(presentation->second));
+        const auto found = walk.presentations.find(walk.trackId);
+        walk.presentations[walk.trackId] =
+            found == walk.presentations.end()
+                ? std::pair{first, end}
+                : std::pair{qMin(found->second.first, first), qMax(found->second.second, end)};
+    }
+    trackDuration += duration;
     if (dataSize > 0) {
         const quint64 end = endOf(run.dataOffset, dataSize);
         walk.dataSpan = walk.dataSpan ? std::pair{qMin(walk.dataSpan->first, run.dataOffset),

@@ -328,8 +328,20 @@ void ContainerMP4::checkTopLevelBox(const QString &type, quint64 start, quint64 
             index.begun = true;
             index.boxesEnd = end;
             const auto duration = deep->fragment.durations.find(index.referenceId);
-            if (isFragment && duration != deep->fragment.durations.end())
+            if (isFragment && duration != deep->fragment.durations.end()) {
+                const quint64 base = index.trackDuration.value_or(0);
+                const auto span = deep->fragment.presentations.find(index.referenceId);
+                if (span != deep->fragment.presentations.end()) {
+                    const std::pair moof{qint64(base + quint64(span->second.first)),
+                                         qint64(base + quint64(span->second.second))};
+                    index.presentation =
+                        index.presentation
+                            ? std::pair{qMin(index.presentation->first, moof.first),
+                                        qMax(index.presentation->second, moof.second)}
+                            : moof;
+                }
                 index.trackDuration = index.trackDuration.value_or(0) + duration->second;
+            }
             break;
         }
     }
@@ -380,7 +392,9 @@ void ContainerMP4::checkSegmentsAtEnd()
 
 void ContainerMP4::finishReference(SegmentIndexWalk &index)
 {
-    const auto [size, duration] = index.references[index.next];
+    // Named, not bound, so that the lambdas below may take them.
+    const quint32 size = index.references[index.next].first;
+    const quint32 duration = index.references[index.next].second;
     const quint64 end = endOf(index.start, size);
     const auto mismatch = [&](const QString &message) {
         noteProblem("sidx-mismatch", Severity::Error, index.entries + 12 * index.next, 12,
@@ -400,20 +414,30 @@ void ContainerMP4::finishReference(SegmentIndexWalk &index)
         mismatch(QStringLiteral("the boxes there end at byte %1").arg(index.boxesEnd));
     } else if (index.trackDuration && index.timescale != 0 &&
                timescale != deep->trackTimescales.end() && timescale->second != 0) {
-        // Converted to the units of the sidx, the samples may differ by less than one.
-        const bool same =
-            index.timescale == timescale->second
-                ? *index.trackDuration == duration
-                : std::abs(double(*index.trackDuration) * index.timescale / timescale->second -
-                           double(duration)) < 1;
-        if (!same)
+        // Converted to the units of the sidx, the samples may differ by less than one. The
+        // duration is that of the samples or, at the end of a stream whose composition
+        // offsets reorder pictures, the span of their presentation times.
+        const auto same = [&](quint64 trackUnits) {
+            return index.timescale == timescale->second
+                       ? trackUnits == duration
+                       : std::abs(double(trackUnits) * index.timescale / timescale->second -
+                                  double(duration)) < 1;
+        };
+        const quint64 presented =
+            index.presentation && index.presentation->second > index.presentation->first
+                ? quint64(index.presentation->second) - quint64(index.presentation->first)
+                : 0;
+        if (!same(*index.trackDuration) && !(index.presentation && same(presented)))
             mismatch(QStringLiteral("it lasts %1 units of %2 per second, where the samples of "
                                     "track %3 there last %4 units of %5 per second")
                          .arg(duration)
                          .arg(index.timescale)
                          .arg(index.referenceId)
                          .arg(*index.trackDuration)
-                         .arg(timescale->second));
+                         .arg(timescale->second) +
+                     (index.presentation && presented != *index.trackDuration
+                          ? QStringLiteral(" and are presented for %1").arg(presented)
+                          : QString()));
     }
     index.start = end;
     ++index.next;
@@ -421,6 +445,7 @@ void ContainerMP4::finishReference(SegmentIndexWalk &index)
     index.broken = false;
     index.boxesEnd = 0;
     index.trackDuration.reset();
+    index.presentation.reset();
 }
 
 void ContainerMP4::dropFinishedIndexes()
