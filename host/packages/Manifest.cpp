@@ -335,6 +335,7 @@ private:
                     break;
                 addSegment(media.isEmpty() ? QString() : media, time,
                            addressing.duration.value_or(0));
+                representation.segments.back().nominal = true;
                 if (!range.isEmpty())
                     byteRange(range, representation.segments.back());
                 if (media.isEmpty())
@@ -395,6 +396,7 @@ private:
                 for (double k = 0; k < count && room(); ++k) {
                     addSegment(fill(addressing.media, addressing.startNumber + quint64(k), time),
                                time, duration);
+                    representation.segments.back().nominal = true;
                     time += duration;
                 }
             }

@@ -22,6 +22,9 @@ struct Segment {
     // manifest declares none (SegmentBase, an initialization segment).
     std::optional<quint64> time;
     std::optional<quint64> duration;
+    // The duration is the one @duration gives every segment, which each may miss by up to
+    // half of it; a timeline or an EXTINF gives each segment its own.
+    bool nominal = false;
 };
 
 // One representation of DASH, or one variant (or rendition) of HLS: its initialization

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cmath>
 
 #include <map>
@@ -35,11 +36,11 @@ struct Problems {
     }
 };
 
-// A file of a representation: where it lies on disk, and the segment of the manifest it
-// holds (the first, where byte ranges of one file are several segments).
+// A file of a representation: where it lies on disk, and the media segments of the manifest
+// it holds, in order: one, or several in byte ranges of the file.
 struct SegmentFile {
     QString path;
-    size_t segment = 0;
+    std::vector<size_t> media;
     bool initialization = false;
     bool holdsMedia = false; // an initialization segment whose file holds media segments too
 };
@@ -170,15 +171,27 @@ private:
         int index = 0;
         quint32 timescale = 0;
         QString codecs;
-        int file = -1;      // of the segment being passed
-        qint64 nextDts = 0; // the end of the samples so far
+        int file = -1;                 // of the segment being passed
+        std::optional<size_t> segment; // of the manifest, that the samples being passed lie in
+        qint64 nextDts = 0;            // the end of the samples so far
         quint64 segmentDuration = 0;
         quint32 longestSample = 0;
     };
 
-    QString where(int file) const
+    // A file, and the byte range of its media segment where it holds several.
+    QString where(int file, std::optional<size_t> segment = std::nullopt) const
     {
-        return QStringLiteral("%1: %2").arg(representation.id, files[size_t(file)].path);
+        const QString place =
+            QStringLiteral("%1: %2").arg(representation.id, files[size_t(file)].path);
+        if (!segment || files[size_t(file)].media.size() + files[size_t(file)].initialization < 2)
+            return place;
+        const Manifest::Segment &range = representation.segments[*segment];
+        if (!range.rangeStart)
+            return place;
+        return QStringLiteral("%1 bytes %2-%3")
+            .arg(place)
+            .arg(*range.rangeStart)
+            .arg(*range.rangeStart + range.rangeLength - 1);
     }
 
     // Each segment file begins where the one before ended, with a sync sample where the
@@ -187,35 +200,37 @@ private:
     {
         if (sample.file < 0 || size_t(sample.file) >= files.size())
             return;
-        if (sample.file != stream.file) {
+        const SegmentFile &file = files[size_t(sample.file)];
+        const std::optional<size_t> segment = segmentOf(file, sample.offset);
+        if (sample.file != stream.file || segment != stream.segment) {
             if (stream.file >= 0) {
                 endSegment();
                 if (sample.dts > stream.nextDts)
-                    problems.add("timeline-gap", Severity::Error, where(sample.file),
+                    problems.add("timeline-gap", Severity::Error, where(sample.file, segment),
                                  QStringLiteral("the segment's first sample decodes at %1, after "
                                                 "the samples before it end at %2")
                                      .arg(sample.dts)
                                      .arg(stream.nextDts));
                 else if (sample.dts < stream.nextDts)
-                    problems.add("timeline-overlap", Severity::Error, where(sample.file),
+                    problems.add("timeline-overlap", Severity::Error, where(sample.file, segment),
                                  QStringLiteral("the segment's first sample decodes at %1, before "
                                                 "the samples before it end at %2")
                                      .arg(sample.dts)
                                      .arg(stream.nextDts));
             }
-            const SegmentFile &file = files[size_t(sample.file)];
-            if (representation.startsWithSap && !sample.keyFrame && !file.initialization)
-                problems.add("segment-not-sap", Severity::Error, where(sample.file),
+            if (representation.startsWithSap && !sample.keyFrame && segment)
+                problems.add("segment-not-sap", Severity::Error, where(sample.file, segment),
                              QStringLiteral("the segment's first sample is not a sync sample"));
             if (file.initialization && !file.holdsMedia && !initReported) {
                 initReported = true;
-                problems.add("init-has-samples", Severity::Warning, where(sample.file),
+                problems.add("init-has-samples", Severity::Warning, where(sample.file, segment),
                              QStringLiteral("the initialization segment holds samples"));
             }
             // Segment boundaries of the first stream, to be aligned with other representations.
-            if (stream.index == 0 && !file.initialization)
+            if (stream.index == 0 && segment)
                 starts.push_back({sample.dts, stream.timescale});
             stream.file = sample.file;
+            stream.segment = segment;
             stream.segmentDuration = 0;
         }
         stream.nextDts = sample.dts + sample.duration;
@@ -223,23 +238,49 @@ private:
         stream.longestSample = qMax(stream.longestSample, sample.duration);
     }
 
-    // The samples of a segment file against the duration the manifest declares for it.
+    // The media segment of the manifest a sample lies in: its file's one, or where the file
+    // holds several, the one whose byte range holds the sample; none in an initialization
+    // segment.
+    std::optional<size_t> segmentOf(const SegmentFile &file, quint64 offset) const
+    {
+        if (file.media.empty())
+            return std::nullopt;
+        if (file.media.size() == 1 && !file.initialization)
+            return file.media.front();
+        const auto start = [&](size_t k) {
+            return representation.segments[k].rangeStart.value_or(0);
+        };
+        const auto after = std::upper_bound(file.media.begin(), file.media.end(), offset,
+                                            [&](quint64 at, size_t k) { return at < start(k); });
+        if (after == file.media.begin())
+            return std::nullopt;
+        const size_t k = *std::prev(after);
+        const Manifest::Segment &segment = representation.segments[k];
+        if (segment.rangeStart && offset - start(k) >= segment.rangeLength)
+            return std::nullopt;
+        return k;
+    }
+
+    // The samples of a media segment against the duration the manifest declares for it. A
+    // segment of several tracks is cut on its first, whose samples are checked; the others
+    // may end a frame or two to either side (audio frames and the priming of encoders).
     void endSegment()
     {
-        if (stream.file < 0 || stream.timescale == 0)
+        if (!stream.segment || stream.timescale == 0 || stream.index != 0)
             return;
-        const SegmentFile &file = files[size_t(stream.file)];
-        if (file.initialization || file.segment >= representation.segments.size())
-            return;
-        const Manifest::Segment &segment = representation.segments[file.segment];
+        const size_t k = *stream.segment;
+        const Manifest::Segment &segment = representation.segments[k];
         // The last segment may end short of its declared duration.
-        if (!segment.duration || file.segment + 1 == representation.segments.size())
+        if (!segment.duration || k + 1 == representation.segments.size())
             return;
         const double declared =
             double(*segment.duration) / double(representation.timescale) * stream.timescale;
         const double actual = double(stream.segmentDuration);
-        if (std::abs(declared - actual) > double(stream.longestSample))
-            problems.add("segment-duration-mismatch", Severity::Warning, where(stream.file),
+        const double tolerance =
+            qMax(double(stream.longestSample), segment.nominal ? declared / 2 : 0.0);
+        if (std::abs(declared - actual) > tolerance)
+            problems.add("segment-duration-mismatch", Severity::Warning,
+                         where(stream.file, stream.segment),
                          QStringLiteral("the segment's samples last %1 time units of %2 per "
                                         "second; the manifest declares %3")
                              .arg(stream.segmentDuration)
@@ -543,6 +584,8 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
             const QString path = resolve(folder, segment.uri, options.allowOutside, problems);
             if (!path.isEmpty() && !files[i].empty() && files[i].back().path == path) {
                 files[i].back().holdsMedia = files[i].back().holdsMedia || !init;
+                if (!init)
+                    files[i].back().media.push_back(index);
                 return;
             }
             if (path.isEmpty())
@@ -555,7 +598,8 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
                 return;
             }
             // The one file of a SegmentBase holds the media its index names.
-            files[i].push_back({path, index, init, init && representation.index.has_value()});
+            files[i].push_back({path, init ? std::vector<size_t>() : std::vector<size_t>{index},
+                                init, init && representation.index.has_value()});
         };
         if (representation.initialization)
             add(*representation.initialization, 0, true);

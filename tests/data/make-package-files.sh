@@ -6,6 +6,7 @@
 #
 #   package-dash-template/   DASH, a segment template with $Number$ and no timeline
 #   package-dash-timeline/   DASH, a segment template with a segment timeline
+#   package-dash-single/     DASH, one file per representation: a segment list of byte ranges
 #   package-hls/             HLS with fMP4 segments: EXT-X-MAP and EXTINF
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -17,12 +18,13 @@ x264=(-c:v libx264 -preset ultrafast -crf 45 -pix_fmt yuv420p -g 4 -keyint_min 4
       -bf 2 -x264-params b-adapt=0:b-pyramid=none -bsf:v filter_units=remove_types=6)
 media=("${video[@]}" "${audio[@]}" "${x264[@]}" -c:a aac -b:a 8k "${plain[@]}")
 
-rm -rf package-dash-template package-dash-timeline package-hls
-mkdir package-dash-template package-dash-timeline package-hls
+rm -rf package-dash-template package-dash-timeline package-dash-single package-hls
+mkdir package-dash-template package-dash-timeline package-dash-single package-hls
 ff "${media[@]}" -seg_duration 0.4 -use_template 1 -use_timeline 0 -f dash \
     package-dash-template/package.mpd
 ff "${media[@]}" -seg_duration 0.4 -use_template 1 -use_timeline 1 -f dash \
     package-dash-timeline/package.mpd
+ff "${media[@]}" -seg_duration 0.4 -single_file 1 -f dash package-dash-single/package.mpd
 ff "${media[@]}" -hls_time 0.4 -hls_segment_type fmp4 -hls_playlist_type vod -f hls \
     package-hls/package.m3u8
 ls -l package-*
