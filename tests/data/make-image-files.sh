@@ -10,6 +10,9 @@
 #   image-alpha.avif       AVIF from avifenc with an alpha plane (auxl, auxC)
 #   image-grid.avif        AVIF from avifenc, a 2x2 grid of tiles (grid, dimg)
 #   image-ffmpeg.avif      AVIF from FFmpeg's muxer, where FFmpeg has one
+#
+# Needs Debian's ffmpeg, libheif-examples and libavif-bin; the files are kept in the
+# repository, so the tests need none of them but heif-info.
 set -euo pipefail
 cd "$(dirname "$0")"
 ff() { ffmpeg -hide_banner -loglevel error -nostdin -y "$@"; }
