@@ -131,6 +131,14 @@ TEST(Checks, EachDamageGivesItsProblems)
         {"mdhd duration and an edit past the media",
          movie(goodTables(), {}, 90,
                box("edts", fullBox("elst", 0, 0, words32({1, 500, 0, 0x10000}))))},
+        {"an edit of the 23 units of the media, rounded up to 3 of a movie of time scale 10",
+         cat({box("ftyp", text("isom") + u32(0) + text("isom")), box("mdat", zeros(24)),
+              box("moov",
+                  fullBox("mvhd", 0, 0, words32({0, 0, 10, 3}) + zeros(80)) +
+                      videoTrack(
+                          cat({stsd(), table("stts", {{2, 10}, {1, 3}}), table("stsc", {{1, 3, 1}}),
+                               stszConstant(8, 3), counted("stco", {28}), counted("stss", {1})}),
+                          23, box("edts", fullBox("elst", 0, 0, words32({1, 3, 0, 0x10000})))))})},
     };
     QString all;
     for (const auto &[name, input] : cases)

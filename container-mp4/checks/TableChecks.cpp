@@ -116,7 +116,7 @@ private:
             duration += count * lastDelta;
         }
         mediaDuration = duration;
-        largestStep = lastDelta;
+        lastStep = lastDelta;
         if (track.timeToSample.present && counted != samples)
             report("sample-table-mismatch", Severity::Error, track.sampleSizes,
                    QStringLiteral("%1 lists %2, stts %3")
@@ -257,6 +257,10 @@ private:
             !largestOffset)
             return;
         const quint64 mediaEnd = mediaDuration + *largestOffset;
+        // An edit's duration is in the movie's units, which writers round up: one of them, in
+        // the track's units, is as exact as it can be.
+        const quint64 movieUnit = (quint64(timescale) + movieTimescale - 1) / movieTimescale;
+        const quint64 slack = std::max(lastStep, movieUnit);
         const std::vector<Edit> edits = TrackBoxes::edits(input, track.editList, 1024);
         for (size_t i = 0; i < edits.size(); ++i) {
             const Edit &edit = edits[i];
@@ -265,7 +269,7 @@ private:
             const unsigned __int128 length =
                 (unsigned __int128)edit.segmentDuration * timescale / movieTimescale;
             const unsigned __int128 end = quint64(edit.mediaTime) + length;
-            if (end > (unsigned __int128)mediaEnd + largestStep) {
+            if (end > (unsigned __int128)mediaEnd + slack) {
                 report("edit-past-media", Severity::Warning, track.editList,
                        QStringLiteral("edit %1 presents the media up to %2, behind its end at %3 "
                                       "(in the track's time units)")
@@ -282,7 +286,7 @@ private:
     quint32 movieTimescale;
     Report report;
     quint64 mediaDuration = 0;
-    quint64 largestStep = 0;
+    quint64 lastStep = 0;
     std::optional<quint64> largestOffset;
 };
 } // namespace
