@@ -25,6 +25,8 @@ void ReportSink::addProblem(const Problem &) {}
 
 void ReportSink::setCoverage(const Coverage &) {}
 
+void ReportSink::endProblems() {}
+
 void ReportSink::addPayloadField(quint64 offset, quint64 size, const QString &name, Payload)
 {
     addField(false, offset, 0, size, name, QString(), QString(), QString(), -1);

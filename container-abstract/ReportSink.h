@@ -66,4 +66,7 @@ public:
     // that do not show them take no notice.
     virtual void addProblem(const Problem &problem);
     virtual void setCoverage(const Coverage &coverage);
+    // The problems are all told, for a report of checks without coverage (a package): a
+    // writer says so where there were none. Coverage ends them too.
+    virtual void endProblems();
 };

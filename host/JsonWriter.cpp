@@ -273,13 +273,18 @@ void JsonWriter::addProblem(const Problem &problem)
     out.put('}');
 }
 
+void JsonWriter::endProblems()
+{
+    // A report without problems still has their list.
+    if (inReport && !listsClosed && !inProblems)
+        addProblemsList();
+}
+
 void JsonWriter::setCoverage(const Coverage &coverage)
 {
     if (!inReport || listsClosed)
         return;
-    // A file without problems still has their list.
-    if (!inProblems)
-        addProblemsList();
+    endProblems();
     closeLists();
     out.appendLiteral(",\"coverage\":{\"fileSize\":");
     out.appendUnsigned(coverage.fileSize);

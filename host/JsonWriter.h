@@ -64,6 +64,7 @@ public:
     void addJoinedFile(const QString &fileName, quint64 fileSize) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
+    void endProblems() override;
 
 private:
     // What an open element still has to write when it closes.

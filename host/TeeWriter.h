@@ -124,6 +124,11 @@ public:
         for (ReportSink *sink : sinks)
             sink->setCoverage(coverage);
     }
+    void endProblems() override
+    {
+        for (ReportSink *sink : sinks)
+            sink->endProblems();
+    }
 
 protected:
     void setSinks(std::vector<ReportSink *> newSinks) { sinks = std::move(newSinks); }

@@ -183,7 +183,7 @@ void TextWriter::addProblem(const Problem &problem)
     out.put('\n');
 }
 
-void TextWriter::setCoverage(const Coverage &coverage)
+void TextWriter::endProblems()
 {
     if (!inReport)
         return;
@@ -191,6 +191,13 @@ void TextWriter::setCoverage(const Coverage &coverage)
     if (!problemsBegun)
         out.appendLiteral("problems: none\n");
     problemsBegun = true;
+}
+
+void TextWriter::setCoverage(const Coverage &coverage)
+{
+    if (!inReport)
+        return;
+    endProblems();
     out.appendLiteral("coverage: ");
     out.appendUnsigned(coverage.fileSize);
     const struct {

@@ -41,6 +41,7 @@ public:
     void addItem(const Item &item) override;
     void addProblem(const Problem &problem) override;
     void setCoverage(const Coverage &coverage) override;
+    void endProblems() override;
 
 private:
     struct OpenElement {

@@ -195,6 +195,7 @@ TEST(Package, SamplesOfEveryRepresentationAreThePacketsOfFfprobe)
         for (const QJsonValue &file : report.value("files").toArray())
             listed << file["file"].toString();
         EXPECT_EQ(listed, files);
+        EXPECT_TRUE(report.value("problems").isArray()) << "checked, so listed even when empty";
         EXPECT_EQ(problemCodes(report), QStringList());
         // Each stream names its representation and has the codecs the manifest declares.
         for (const QJsonValue &stream : report.value("streams").toArray())

@@ -642,6 +642,8 @@ int reportManifest(const QString &fileName, const std::vector<PluginLoader::Plug
         checkAlignment(package.representations, starts, problems);
     for (const Problem &found : problems.list)
         writer.addProblem(found);
+    if (settings.checkProblems)
+        writer.endProblems();
     writer.endReport();
     *errors = *errors || problems.counts.errors > 0;
     return ExitOk;
