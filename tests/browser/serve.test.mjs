@@ -56,7 +56,10 @@ async function startServer(args) {
   let serverErr = '';
   const exit = new Promise((resolve) => server.on('exit', (code, signal) => resolve({ code, signal })));
   const address = await new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error(`the server did not start: ${serverErr}`)), 60000);
+    const timer = setTimeout(() => {
+      server.kill('SIGTERM');
+      reject(new Error(`the server did not start: ${serverErr}`));
+    }, 60000);
     server.stderr.on('data', (data) => {
       serverErr += data;
       const match = /serving (http:\/\/127\.0\.0\.1:\d+\/)/.exec(serverErr);
@@ -75,13 +78,23 @@ async function startServer(args) {
 }
 
 const image = path.join(path.dirname(new URL(import.meta.url).pathname), '../data/image-two.heic');
-const servers = [await startServer(['--check', movie]), await startServer(['--deep', '--check', image])];
+const servers = [];
+try {
+  servers.push(await startServer(['--check', movie]));
+  servers.push(await startServer(['--deep', '--check', image]));
+} catch (error) {
+  for (const server of servers) await server.ended();
+  throw error;
+}
 const [{ address }, { address: imageAddress }] = servers;
 
 // ---- The browser -------------------------------------------------------------------------
 
 const { page, problems, close } = await openBrowser(chromium,
-  (url) => url.startsWith(address) || url.startsWith(imageAddress));
+  (url) => url.startsWith(address) || url.startsWith(imageAddress)).catch(async (error) => {
+  for (const server of servers) await server.ended();
+  throw error;
+});
 
 const api = (route) => page.evaluate((url) => fetch(url).then((r) => r.json()), `${address}api/v1/files/0${route}`);
 const noneLoading = (selector) =>
