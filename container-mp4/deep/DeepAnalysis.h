@@ -6,10 +6,25 @@
 #include <QStringList>
 #include <QtGlobal>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <utility>
 #include <vector>
+
+// A span (first, end) widened to take in another.
+template <typename T> void widen(std::optional<std::pair<T, T>> &span, std::pair<T, T> part)
+{
+    span = span ? std::pair{std::min(span->first, part.first), std::max(span->second, part.second)}
+                : part;
+}
+
+// Presentation times (first, end) counted from a decode time `by` units later; in wrapping
+// arithmetic, as hostile runs may add up past any range.
+inline std::pair<qint64, qint64> shiftedBy(std::pair<qint64, qint64> span, quint64 by)
+{
+    return {qint64(by + quint64(span.first)), qint64(by + quint64(span.second))};
+}
 
 // The movie fragment being walked and the track fragment inside it, for the base data offset
 // of their runs.
@@ -24,7 +39,7 @@ struct FragmentWalk {
     // time of the track's first sample in the moof.
     std::optional<std::pair<quint64, quint64>> dataSpan;
     std::map<quint32, quint64> durations;
-    std::map<quint32, std::pair<qint64, qint64>> presentations;
+    std::map<quint32, std::optional<std::pair<qint64, qint64>>> presentations;
     // traf
     bool inTraf = false;
     int stream = -1; // the stream of its track; -1 before its tfhd

@@ -273,12 +273,8 @@ int parseTrackRun(PayloadReader &box)
                                              : box.signedField(offsetName, 4);
         }
         box.endGroup();
-        // In wrapping arithmetic: hostile runs may add up past any range.
-        const qint64 first = qint64(duration + quint64(compositionOffset));
-        const qint64 end = qint64(quint64(first) + sampleDuration);
-        presentation = presentation ? std::pair{qMin(presentation->first, first),
-                                                qMax(presentation->second, end)}
-                                    : std::pair{first, end};
+        widen(presentation,
+              shiftedBy({compositionOffset, compositionOffset + qint64(sampleDuration)}, duration));
         duration += sampleDuration;
         dataSize += size;
     }
@@ -298,22 +294,11 @@ int parseTrackRun(PayloadReader &box)
     run.file = box.deep()->file;
     walk.dataEnd = run.dataOffset + dataSize;
     quint64 &trackDuration = walk.durations[walk.trackId];
-    if (presentation) {
-        const qint64 first = qint64(trackDuration + quint64(presentation->first));
-        const qint64 end = qint64(trackDuration + quint64(presentation->second));
-        const auto found = walk.presentations.find(walk.trackId);
-        walk.presentations[walk.trackId] =
-            found == walk.presentations.end()
-                ? std::pair{first, end}
-                : std::pair{qMin(found->second.first, first), qMax(found->second.second, end)};
-    }
+    if (presentation)
+        widen(walk.presentations[walk.trackId], shiftedBy(*presentation, trackDuration));
     trackDuration += duration;
-    if (dataSize > 0) {
-        const quint64 end = endOf(run.dataOffset, dataSize);
-        walk.dataSpan = walk.dataSpan ? std::pair{qMin(walk.dataSpan->first, run.dataOffset),
-                                                  qMax(walk.dataSpan->second, end)}
-                                      : std::pair{run.dataOffset, end};
-    }
+    if (dataSize > 0)
+        widen(walk.dataSpan, std::pair{run.dataOffset, endOf(run.dataOffset, dataSize)});
     if (TrackContext *track = box.track())
         track->runs.push_back(run);
     return ContainerAbstract::ParseOk;

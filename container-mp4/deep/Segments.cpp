@@ -331,16 +331,9 @@ void ContainerMP4::checkTopLevelBox(const QString &type, quint64 start, quint64 
             if (isFragment && duration != deep->fragment.durations.end()) {
                 const quint64 base = index.trackDuration.value_or(0);
                 const auto span = deep->fragment.presentations.find(index.referenceId);
-                if (span != deep->fragment.presentations.end()) {
-                    const std::pair moof{qint64(base + quint64(span->second.first)),
-                                         qint64(base + quint64(span->second.second))};
-                    index.presentation =
-                        index.presentation
-                            ? std::pair{qMin(index.presentation->first, moof.first),
-                                        qMax(index.presentation->second, moof.second)}
-                            : moof;
-                }
-                index.trackDuration = index.trackDuration.value_or(0) + duration->second;
+                if (span != deep->fragment.presentations.end() && span->second)
+                    widen(index.presentation, shiftedBy(*span->second, base));
+                index.trackDuration = base + duration->second;
             }
             break;
         }

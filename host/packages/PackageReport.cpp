@@ -178,20 +178,17 @@ private:
         quint32 longestSample = 0;
     };
 
-    // A file, and the byte range of its media segment where it holds several.
+    // A file, and the byte range of its media segment where the manifest gives one.
     QString where(int file, std::optional<size_t> segment = std::nullopt) const
     {
-        const QString place =
-            QStringLiteral("%1: %2").arg(representation.id, files[size_t(file)].path);
-        if (!segment || files[size_t(file)].media.size() + files[size_t(file)].initialization < 2)
-            return place;
-        const Manifest::Segment &range = representation.segments[*segment];
-        if (!range.rangeStart)
-            return place;
-        return QStringLiteral("%1 bytes %2-%3")
-            .arg(place)
-            .arg(*range.rangeStart)
-            .arg(*range.rangeStart + range.rangeLength - 1);
+        QString place = QStringLiteral("%1: %2").arg(representation.id, files[size_t(file)].path);
+        if (segment && representation.segments[*segment].rangeStart) {
+            const Manifest::Segment &range = representation.segments[*segment];
+            place += QStringLiteral(" bytes %1-%2")
+                         .arg(*range.rangeStart)
+                         .arg(*range.rangeStart + range.rangeLength - 1);
+        }
+        return place;
     }
 
     // Each segment file begins where the one before ended, with a sync sample where the
